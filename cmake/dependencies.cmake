@@ -1,0 +1,17 @@
+# Foreign headers are SYSTEM: their warnings are not ours.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+pkg_check_modules(DBUSCXX REQUIRED IMPORTED_TARGET dbus-c++-1)
+pkg_check_modules(ALSA REQUIRED IMPORTED_TARGET alsa)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+pkg_check_modules(BSD REQUIRED IMPORTED_TARGET libbsd)
+
+find_library(FLITE_VOICE_LIBRARY flite_cmu_us_slt REQUIRED)
+find_library(FLITE_ENGLISH_LIBRARY flite_usenglish REQUIRED)
+find_library(FLITE_LEXICON_LIBRARY flite_cmulex REQUIRED)
+find_library(FLITE_LIBRARY flite REQUIRED)
+add_library(flite INTERFACE)
+target_link_libraries(flite INTERFACE ${FLITE_VOICE_LIBRARY} ${FLITE_ENGLISH_LIBRARY}
+                                      ${FLITE_LEXICON_LIBRARY} ${FLITE_LIBRARY} m)
+
+find_program(DBUSXX_XML2CPP dbusxx-xml2cpp REQUIRED)

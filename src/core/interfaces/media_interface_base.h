@@ -1,0 +1,34 @@
+#pragma once
+
+namespace qs_ns {
+
+/// The daemon's side of the media server: at most one playback session, tones, and the gain that
+/// the writer applies. No operation blocks for more than about a second; `setVolume` and the
+/// getters never do and may be called from any thread, the rest one thread at a time.
+class QS_MediaInterfaceBase {
+ public:
+  virtual ~QS_MediaInterfaceBase() = default;
+
+  /// Disconnects; the media server's status.
+  virtual int cleanupMSInterface() = 0;
+  /// Connects; false on failure.
+  virtual bool initializeMSInterface() = 0;
+  virtual int setPathMsAudPlaybackSession() = 0;
+  /// Opens the session if none is open: 0, or -5.
+  virtual int startMsAudPlaybackSession() = 0;
+  /// Lets what waits be heard and closes the session if one is open. Always 0.
+  virtual int stopMsAudPlaybackSession() = 0;
+  /// Plays `bytes` bytes of 48 kHz mono 16-bit sound; blocks as a sound card does.
+  virtual int playDataMsAudPlaybackSession(const void* data, unsigned int bytes) = 0;
+  /// The open session's handle, 0 when none is open.
+  virtual int getMsAudPlaybackSession() = 0;
+  /// Sets the gain of a volume level, 1.3^(level - 2) x 512 in Q10.
+  virtual void setVolume(int level) = 0;
+  /// The gain in Q10 (1024 is unity).
+  virtual int getVolume() = 0;
+  /// Starts the alert tone; the tone session (0 or more) for `stopMsTone`, or a negative code.
+  virtual int startMsTone(int tone) = 0;
+  virtual int stopMsTone(int session) = 0;
+};
+
+}  // namespace qs_ns

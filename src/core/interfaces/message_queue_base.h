@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+
+namespace qs_ns {
+
+struct QS_PlayRequest;
+
+/// The play queue as the controller sees it. Any thread, unless said; nothing here waits for speech
+/// but `stopThread`.
+class QS_MessageQueueBase {
+ public:
+  virtual void runThread() = 0;
+  /// Stops the request that plays, ends the thread and waits for it. Once per object; main thread.
+  virtual void stopThread() = 0;
+  /// Interrupts the request that plays or is about to, if `request` displaces it; null always does.
+  /// Called with the queue's control lock held.
+  virtual void notifyThread(const QS_PlayRequest* request) = 0;
+  /// Removes or stops the request with that handle; always 0.
+  virtual int stopPlaying(const unsigned long long& handle) = 0;
+  /// Queues a request, after the ones that it displaces are gone.
+  virtual void addToQueue(std::unique_ptr<QS_PlayRequest> request) = 0;
+
+  /// True while a request is examined or played, and until 5 whole seconds after the last one
+  /// ended.
+  virtual bool isBusy() = 0;
+  /// How many requests wait behind the one that plays.
+  virtual int requestsWaiting() = 0;
+
+ protected:
+  ~QS_MessageQueueBase() = default;
+};
+
+}  // namespace qs_ns

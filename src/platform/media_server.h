@@ -1,0 +1,26 @@
+#pragma once
+
+// The media server's client library. Any thread may call any of these; none blocks for more than
+// about a second, whatever the device does. Negative results are failures.
+
+/// Connects to the media server. Never fails and never waits for a device here.
+int ms_start();
+int ms_stop();
+
+/// Opens a playback stream: a handle, or 0 where none could be opened (or a tone is playing).
+/// `stream` is 2: signed 16-bit mono samples in native byte order, 48,000 a second.
+int ms_openAudPlayback(int stream);
+/// Plays `bytes` bytes, in order. Blocks while more than the fixed depth waits in the device: this
+/// is the clock of whoever plays. Returns the bytes taken, or a negative status on a dead stream.
+int ms_sendDataToAudPlayback(int handle, const void* data, unsigned int bytes);
+/// Lets what waits be heard to its end, then ends the stream.
+int ms_closeAudPlayback(int handle);
+int ms_setOutputAudioPath(int device, int path);
+
+/// Tones exclude a playback stream, and the reverse. `ms_startTone` takes 0 to 34.
+int ms_createToneSession(int kind);
+int ms_realizeSession(int session);
+int ms_allocateSession(int session);
+int ms_startTone(int session, int tone, int mode);
+int ms_stopSession(int session);
+int ms_closeSession(int session);

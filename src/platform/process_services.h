@@ -1,0 +1,39 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+
+/// The trace settings of a process.
+struct TraceValues {
+  std::int32_t baseseverity;
+  std::int32_t persistent;
+  std::int32_t tracemask;
+  std::int32_t option;
+  std::int32_t data;
+};
+
+// What the platform does for a service process. None of them throws; main thread, except where
+// said.
+
+/// Registers this process under `name`: 0 when it is the only one, non-zero when another running
+/// process holds the registration (a file left by a crash does not count).
+int create_varrunpid(const char* name);
+/// Takes the registration back. Harmless when repeated, or when nothing was registered. Any thread.
+void unlink_varrunpid(const char* name);
+
+/// Tells the restart manager that the process is up; 0 on success, also where there is no manager.
+int restart_connect(const char* name);
+/// Tells the restart manager that the process is going. Harmless when repeated. Any thread.
+int restart_disconnect(const char* name, int reserved);
+
+/// From here on a crash leaves a symbolised stack in syslog before the process dies of its signal.
+/// -1 on failure.
+int initCrashHandler();
+
+/// Fills `values` from the trace file and sets the process's log mask to `baseseverity`. Any
+/// thread.
+void settrcvalues(const char* name, TraceValues* values);
+
+/// Names the thread with kernel id `thread` of this process; 15 bytes of the name are kept.
+void pthread_name_np(pid_t thread, const char* name);
