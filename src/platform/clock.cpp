@@ -21,7 +21,8 @@ class SystemClock final : public Clock {
     }
   }
 
-  bool waitUntil(Condition& condition, Mutex& mutex, MonotonicTime deadline) override {
+  bool waitUntil(Condition& condition, Mutex& mutex, MonotonicTime deadline)
+      REQUIRES(mutex) override {
     return condition.waitUntil(mutex, deadline);
   }
 };

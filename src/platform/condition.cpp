@@ -1,6 +1,9 @@
 #include "platform/condition.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <ctime>
+#include <limits>
 
 namespace platform {
 
@@ -27,7 +30,9 @@ bool Condition::waitUntil(Mutex& mutex, MonotonicTime deadline) {
   const auto sinceStart = deadline.time_since_epoch();
   const auto wholeSeconds = duration_cast<seconds>(sinceStart);
   timespec at{};
-  at.tv_sec = static_cast<time_t>(wholeSeconds.count());
+  // "For ever" as a deadline is beyond what 32 bits of seconds hold.
+  const std::int64_t lastSecond = std::numeric_limits<time_t>::max();
+  at.tv_sec = static_cast<time_t>(std::min<std::int64_t>(wholeSeconds.count(), lastSecond));
   at.tv_nsec = static_cast<long>(duration_cast<nanoseconds>(sinceStart - wholeSeconds).count());
   return pthread_cond_timedwait(&handle, &mutex.handle, &at) == 0;
 }

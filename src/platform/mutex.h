@@ -7,6 +7,7 @@
 namespace platform {
 
 /// The runtime's mutex, not recursive. Any thread may lock it; the one that locked it unlocks it.
+/// Breaking these rules ends the process by abort.
 ///
 /// With `inheritPriority` a waiter lends its priority to the holder, and an unlock hands the mutex
 /// to whoever waits. The second half is what the daemon lives on: a background synthesis that takes

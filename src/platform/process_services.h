@@ -17,7 +17,9 @@ struct TraceValues {
 // said.
 
 /// Registers this process under `name`: 0 when it is the only one, non-zero when another running
-/// process holds the registration (a file left by a crash does not count).
+/// process holds the registration (a file left by a crash does not count). Where it cannot be
+/// registered at all, for want of a folder that can be written and trusted, the log says so and the
+/// result is 0: speech without that protection is better than none. 0 again when repeated.
 int create_varrunpid(const char* name);
 /// Takes the registration back. Harmless when repeated, or when nothing was registered. Any thread.
 void unlink_varrunpid(const char* name);
@@ -27,12 +29,15 @@ int restart_connect(const char* name);
 /// Tells the restart manager that the process is going. Harmless when repeated. Any thread.
 int restart_disconnect(const char* name, int reserved);
 
-/// From here on a crash leaves a symbolised stack in syslog before the process dies of its signal.
-/// -1 on failure.
+/// From here on a crash (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT) on any thread leaves a
+/// symbolised stack in syslog before the process dies of its signal, within 2 s whatever state it
+/// is in. A signal that has a handler already (a sanitizer's) keeps it. Reads the debug information
+/// now, so it takes some 50 ms where the program has much of it. -1 on failure.
 int initCrashHandler();
 
-/// Fills `values` from the trace file and sets the process's log mask to `baseseverity`. Any
-/// thread.
+/// Fills `values` from the trace file, named by QUILLSPEAK_TRACE or /etc/quillspeak/trace.conf, and
+/// sets the process's log mask to `baseseverity` (0 to 7, 6 by default). What is missing or no
+/// number of 32 bits is 0; hexadecimal ones may use all 32. Any thread.
 void settrcvalues(const char* name, TraceValues* values);
 
 /// Names the thread with kernel id `thread` of this process; 15 bytes of the name are kept.

@@ -2,7 +2,11 @@
 
 #include <cstddef>
 
-// The telephone's property store. Read only; any thread; a change is seen at the next read.
+// The telephone's property store: the file named by QUILLSPEAK_PROPERTIES, asked for at each read,
+// by default /etc/quillspeak/properties.conf. Read only; any thread; a change is seen at the next
+// read. A read costs a look at the file's status, after a change a parse of the file, which is a
+// regular one of at most 256 KB; nothing else is opened, so no read hangs on a pipe or a device.
+//
 // Each returns 0 and fills `value`, or returns non-zero and leaves `value` alone: no store, no such
 // key, a value of the wrong kind, or a string that does not fit into `size` bytes with its NUL.
 

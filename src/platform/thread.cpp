@@ -4,20 +4,25 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cassert>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "platform/process_services.h"
+#include "platform/signal_stack.h"
 
 namespace platform {
 
 Thread::~Thread() {
-  assert(!joinable.load() && "the owner joins before it destroys");
+  const MutexLock lock(startLock);
+  if (!joinable) return;
+  syslog(LOG_CRIT, "%s: destroyed before it was joined", threadName);
+  std::abort();
 }
 
 int Thread::run(const char* name, int nice, std::size_t stackBytes) {
-  assert(!joinable.load());
+  const MutexLock lock(startLock);
+  if (joinable) return -EBUSY;
   niceLevel = nice;
   std::strncpy(threadName, name, sizeof threadName - 1);
 
@@ -27,7 +32,7 @@ int Thread::run(const char* name, int nice, std::size_t stackBytes) {
   if (stackBytes != 0) error = pthread_attr_setstacksize(&attributes, stackBytes);
   if (error == 0) error = pthread_create(&handle, &attributes, enter, this);
   pthread_attr_destroy(&attributes);
-  if (error == 0) joinable = true;
+  joinable = error == 0;
   return -error;
 }
 
@@ -36,24 +41,35 @@ void Thread::requestExit() {
 }
 
 void Thread::join() {
-  if (!joinable.load()) return;
-  pthread_join(handle, nullptr);
+  pthread_t started{};
+  {
+    const MutexLock lock(startLock);
+    if (!joinable) return;
+    started = handle;
+  }
+  // Never the loop's own thread: it would wait for itself.
+  if (pthread_join(started, nullptr) != 0) std::abort();
+  const MutexLock lock(startLock);
   joinable = false;
 }
 
 void* Thread::enter(void* self) {
   auto& thread = *static_cast<Thread*>(self);
-  const pid_t id = gettid();
-  pthread_name_np(id, thread.threadName);
-  // On Linux a nice level belongs to the thread.
-  if (thread.niceLevel != 0 &&
-      setpriority(PRIO_PROCESS, static_cast<id_t>(id), thread.niceLevel) != 0) {
-    syslog(LOG_WARNING, "%s: nice level %d refused: %s", thread.threadName, thread.niceLevel,
-           std::strerror(errno));
-  }
+  const SignalStack signalStack;
+  thread.settle();
   while (thread.threadLoop() && !thread.exitRequested()) {
   }
   return nullptr;
+}
+
+void Thread::settle() const {
+  const pid_t id = gettid();
+  pthread_name_np(id, threadName);
+  // On Linux a nice level belongs to the thread.
+  if (niceLevel != 0 && setpriority(PRIO_PROCESS, static_cast<id_t>(id), niceLevel) != 0) {
+    syslog(LOG_WARNING, "%s: nice level %d refused: %s", threadName, niceLevel,
+           std::strerror(errno));
+  }
 }
 
 }  // namespace platform

@@ -13,7 +13,8 @@ namespace platform {
 ///
 /// Ended in two steps: `requestExit` asks and never blocks, `join` waits for the loop to end. The
 /// owner of the most derived object joins before it destroys it, since a base class that joined
-/// would do so when the derived members are gone; the destructor only asserts it.
+/// would do so when the derived members are gone; a destructor that finds it not done ends the
+/// process by abort, since going on would run the loop on a dead object.
 class Thread {
  public:
   Thread() = default;
@@ -24,7 +25,7 @@ class Thread {
   /// Starts the loop on a new thread. `name` (15 bytes of it are kept) is copied; `nice` is a nice
   /// level for this thread alone and `stackBytes` its stack, 0 standing for the default of either.
   /// Returns 0, or the negative errno value where no thread could be had; then nothing runs.
-  /// Once per object.
+  /// Once per object. The loop may be under way, and another thread in `join`, before this returns.
   int run(const char* name, int nice, std::size_t stackBytes);
 
   /// Asks the loop to end after the pass under way (before `run`: after the first). Any thread, the
@@ -43,12 +44,17 @@ class Thread {
 
  private:
   static void* enter(void* self);
+  void settle() const;
 
-  std::atomic<bool> exitWanted{false};
-  std::atomic<bool> joinable{false};
-  pthread_t handle{};
+  // Constant once the loop begins.
   int niceLevel = 0;
   char threadName[16] = {};
+
+  std::atomic<bool> exitWanted{false};
+
+  Mutex startLock{true};
+  bool joinable GUARDED_BY(startLock) = false;
+  pthread_t handle GUARDED_BY(startLock){};
 };
 
 }  // namespace platform

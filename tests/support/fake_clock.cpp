@@ -15,12 +15,12 @@ FakeClock::~FakeClock() {
 }
 
 MonotonicTime FakeClock::now() {
-  const std::lock_guard lock(mutex);
+  const std::lock_guard lock(state);
   return time;
 }
 
 void FakeClock::sleepFor(std::chrono::nanoseconds duration) {
-  std::unique_lock lock(mutex);
+  std::unique_lock lock(state);
   const auto end = time + duration;
   const auto self = waiters.insert(waiters.end(), {nullptr, nullptr, end});
   changed.notify_all();
@@ -29,54 +29,80 @@ void FakeClock::sleepFor(std::chrono::nanoseconds duration) {
   waiters.erase(self);
 }
 
-bool FakeClock::waitUntil(platform::Condition& condition, platform::Mutex& conditionMutex,
+bool FakeClock::waitUntil(platform::Condition& condition, platform::Mutex& mutex,
                           MonotonicTime deadline) {
   std::list<Waiter>::iterator self;
   {
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(state);
     if (time >= deadline) return false;
-    self = waiters.insert(waiters.end(), {&condition, &conditionMutex, deadline});
+    self = waiters.insert(waiters.end(), {&condition, &mutex, deadline});
     changed.notify_all();
   }
-  condition.wait(conditionMutex);
-  const std::lock_guard lock(mutex);
+  condition.wait(mutex);
+  leave(self, mutex);
+  return now() < deadline;
+}
+
+// A waiter that was notified may destroy its condition next, so it stays until the clock, which may
+// be about to notify it too, has let go.
+void FakeClock::leave(std::list<Waiter>::iterator self, platform::Mutex& mutex) {
+  std::unique_lock lock(state);
+  while (self->beingWoken) {
+    mutex.unlock();
+    changed.wait(lock);
+    lock.unlock();
+    mutex.lock();
+    lock.lock();
+  }
   waiters.erase(self);
-  return time < deadline;
 }
 
 void FakeClock::advance(std::chrono::nanoseconds duration) {
-  std::unique_lock lock(mutex);
+  std::unique_lock lock(state);
   time += duration;
   wakeDue(lock);
 }
 
 std::chrono::nanoseconds FakeClock::advanceToNextDeadline() {
-  std::unique_lock lock(mutex);
-  while (waiters.empty())
+  std::unique_lock lock(state);
+  auto next = earliestAhead();
+  for (; next == MonotonicTime::max(); next = earliestAhead())
     changed.wait(lock);
-  const auto earliest =
-      std::min_element(waiters.begin(), waiters.end(),
-                       [](const Waiter& a, const Waiter& b) { return a.deadline < b.deadline; });
-  const auto step =
-      std::max(earliest->deadline - time, std::chrono::steady_clock::duration::zero());
-  time += step;
+  const auto step = next - time;
+  time = next;
   wakeDue(lock);
   return step;
 }
 
+// Those whose end has come are only on their way out.
+MonotonicTime FakeClock::earliestAhead() const {
+  auto earliest = MonotonicTime::max();
+  for (const Waiter& waiter : waiters) {
+    if (waiter.deadline > time) earliest = std::min(earliest, waiter.deadline);
+  }
+  return earliest;
+}
+
 void FakeClock::wakeDue(std::unique_lock<std::mutex>& held) {
   changed.notify_all();
-  std::vector<Waiter> due;
-  std::copy_if(waiters.begin(), waiters.end(), std::back_inserter(due),
-               [this](const Waiter& w) { return w.condition != nullptr && w.deadline <= time; });
+  std::vector<Waiter*> due;
+  for (Waiter& waiter : waiters) {
+    if (waiter.condition == nullptr || waiter.deadline > time || waiter.beingWoken) continue;
+    waiter.beingWoken = true;
+    due.push_back(&waiter);
+  }
   held.unlock();
   // A waiter registers with its mutex held and gives it up only inside the wait, so whoever has
   // that mutex knows that the waiter really waits. Taken without ours, since waiters take ours
   // second.
-  for (const Waiter& waiter : due) {
-    const platform::MutexLock lock(*waiter.mutex);
-    waiter.condition->notifyAll();
+  for (const Waiter* waiter : due) {
+    const platform::MutexLock lock(*waiter->mutex);
+    waiter->condition->notifyAll();
   }
+  held.lock();
+  for (Waiter* waiter : due)
+    waiter->beingWoken = false;
+  changed.notify_all();
 }
 
 }  // namespace test

@@ -30,7 +30,7 @@ Recorder& recorder() {
   return instance;
 }
 
-void record(int level, const char* format, va_list arguments) {
+[[gnu::format(printf, 2, 0)]] void record(int level, const char* format, va_list arguments) {
   char text[4096];
   std::vsnprintf(text, sizeof text, format, arguments);
   Recorder& r = recorder();
@@ -77,10 +77,14 @@ void vsyslog(int level, const char* format, va_list arguments) {
   test::record(level, format, arguments);
 }
 
-void __syslog_chk(int level, int, const char* format, ...) {
+// What the fortified headers call; the name is the C library's.
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int level, int flag, const char* format, ...);
+void __syslog_chk(int level, int /*flag*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   test::record(level, format, arguments);
   va_end(arguments);
 }
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 }
