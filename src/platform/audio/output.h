@@ -1,0 +1,43 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace platform::audio {
+
+/// The one format of all sound here: mono, signed 16-bit in native byte order, this many a second.
+inline constexpr int kFramesPerSecond = 48000;
+/// How much sound may wait in a device: 20 ms. Less stutters, more is heard as delay.
+inline constexpr std::size_t kDepthFrames = 960;
+/// The most that is handed to an output at a time: 10 ms.
+inline constexpr std::size_t kStepFrames = 480;
+
+/// How long `frames` sound.
+constexpr std::chrono::nanoseconds durationOf(std::int64_t frames) {
+  return std::chrono::nanoseconds(frames * 1'000'000'000 / kFramesPerSecond);
+}
+
+/// A place that sound goes to, one stream at a time: open, write as often as wanted, close, and so
+/// on. One thread at a time calls it (`Line` sees to that). No call blocks for more than about a
+/// second, except that `write` takes the time of its sound. Failures are negative errno values;
+/// who calls decides what is logged.
+class Output {
+ public:
+  virtual ~Output() = default;
+
+  /// Begins a stream. On failure there is none, and `why` says in a few words what is wrong.
+  virtual int open(std::string& why) = 0;
+
+  /// Plays `frames` (1 to kStepFrames) samples after those before. Blocks until at most
+  /// kDepthFrames wait in the device, these included. A caller that was away for longer than that
+  /// goes on as if the stream began anew. After a failure only `close` may follow.
+  virtual int write(const std::int16_t* samples, std::size_t frames) = 0;
+
+  /// Ends the stream when all of it was heard, after a failed write at once. Whatever it returns,
+  /// there is no stream afterwards.
+  virtual int close() = 0;
+};
+
+}  // namespace platform::audio

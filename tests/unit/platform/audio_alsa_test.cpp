@@ -1,0 +1,107 @@
+// ALSA's own PCMs, which need no sound card: what is asked of them, and how failures are told.
+
+#include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "audio_samples.h"
+#include "platform/audio/alsa_output.h"
+#include "support/scratch_folder.h"
+#include "support/skipping_clock.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using platform::audio::AlsaOutput;
+using platform::audio::kStepFrames;
+using test::Samples;
+
+class AlsaOutputTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    test::writeFile(folder / "alsa.conf",
+                    "</usr/share/alsa/alsa.conf>\n"
+                    "pcm.silent { type null }\n"
+                    "pcm.record { type file file \"" +
+                        recording +
+                        "\" format raw slave.pcm silent }\n"
+                        // Two channels or none.
+                        "pcm.stereo { type multi slaves.a.pcm record\n"
+                        "  slaves.a.channels 2\n"
+                        "  bindings.0 { slave a channel 0 }\n"
+                        "  bindings.1 { slave a channel 1 } }\n");
+    setenv("ALSA_CONFIG_PATH", (folder / "alsa.conf").c_str(), 1);
+  }
+  void TearDown() override { unsetenv("ALSA_CONFIG_PATH"); }
+
+  static int play(AlsaOutput& output, const Samples& samples) {
+    std::string why;
+    int status = output.open(why);
+    if (status < 0) return status;
+    for (std::size_t done = 0; status >= 0 && done < samples.size(); done += kStepFrames) {
+      status = output.write(samples.data() + done, std::min(kStepFrames, samples.size() - done));
+    }
+    return std::min(status, output.close());
+  }
+
+  Samples recorded() const { return test::samplesFrom(test::readFile(recording), 0); }
+
+  test::SkippingClock clock;
+  test::ScratchFolder folder;
+  const std::string recording = folder / "recording.raw";
+};
+
+TEST_F(AlsaOutputTest, GivesItsOwnPaceToAPcmWithoutOne) {
+  AlsaOutput output("silent");
+  for (const int steps : {300, 1}) {
+    std::string why;
+    ASSERT_EQ(output.open(why), 0);
+    const auto start = clock.now();
+    for (int i = 0; i < steps; ++i) {
+      EXPECT_EQ(output.write(Samples(kStepFrames).data(), kStepFrames), 0);
+      EXPECT_GE(clock.now() - start, (i + 1) * 10ms - 120ms);
+    }
+    EXPECT_EQ(output.close(), 0);
+    EXPECT_EQ(clock.now() - start, steps * 10ms);
+  }
+}
+
+TEST_F(AlsaOutputTest, SendsEverySampleOfEverySession) {
+  AlsaOutput output("record");
+  for (std::int16_t session = 1; session <= 2; ++session) {
+    const Samples samples(5000, session);
+    EXPECT_EQ(play(output, samples), 0);
+    // ALSA's file PCM begins its file anew.
+    EXPECT_EQ(recorded(), samples);
+  }
+}
+
+TEST_F(AlsaOutputTest, ConvertsForAPcmThatIsNotMono) {
+  AlsaOutput output("stereo");
+  Samples sent(1000);
+  Samples expected;
+  for (std::size_t i = 0; i < sent.size(); ++i) {
+    sent[i] = static_cast<std::int16_t>(i + 1);
+    expected.insert(expected.end(), 2, sent[i]);
+  }
+  EXPECT_EQ(play(output, sent), 0);
+  EXPECT_EQ(recorded(), expected);
+}
+
+TEST_F(AlsaOutputTest, SaysWhyItDoesNotOpenAndNothingOnStandardError) {
+  testing::internal::CaptureStderr();
+  const std::pair<const char*, const char*> cases[] = {
+      {"missing", "Unknown PCM missing"}, {"hw:77", "card index for 77"}, {"plug:x", "x"}};
+  for (const auto& [name, part] : cases) {
+    AlsaOutput output(name);
+    std::string why;
+    EXPECT_LT(output.open(why), 0) << name;
+    EXPECT_NE(why.find(part), std::string::npos) << why;
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+}  // namespace

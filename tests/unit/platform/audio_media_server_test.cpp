@@ -1,0 +1,295 @@
+// The media server's functions over a recording, and the line that they share.
+
+#include <syslog.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <future>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "audio_samples.h"
+#include "platform/audio/line.h"
+#include "platform/audio/registry.h"
+#include "platform/audio/tones.h"
+#include "platform/media_server.h"
+#include "support/fake_clock.h"
+#include "support/gate.h"
+#include "support/scratch_folder.h"
+#include "support/syslog_capture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using platform::audio::Line;
+using platform::audio::makeOutput;
+using platform::audio::Output;
+using test::Samples;
+
+TEST(OutputRegistry, KnowsEveryOutputAndNothingElse) {
+  const test::ScratchFolder folder;
+  for (const std::string& value :
+       {std::string("alsa:"), std::string("alsa:hw:1,0"), std::string("null"), std::string("auto"),
+        "wav:" + folder / "a.wav"}) {
+    std::string why;
+    EXPECT_NE(makeOutput(value, why), nullptr) << value;
+  }
+  for (const std::string& value : {std::string("alsa"), std::string("null:"), std::string("NULL"),
+                                   std::string("auto "), std::string("wav"), std::string("wav:"),
+                                   std::string("oss:x"), "wav:" + folder / "missing/a.wav"}) {
+    std::string why;
+    EXPECT_EQ(makeOutput(value, why), nullptr) << value;
+    EXPECT_NE(why, "") << value;
+  }
+}
+
+/// An output that fails and blocks as a test says.
+struct TestOutput final : Output {
+  int open(std::string& why) override {
+    why = reason;
+    return openStatus;
+  }
+  int write(const std::int16_t*, std::size_t frames) override {
+    if (gate != nullptr) gate->pass();
+    ++writes;
+    most = std::max(most, frames);
+    return writeStatus;
+  }
+  int close() override {
+    ++closes;
+    return 0;
+  }
+
+  std::string reason;
+  int openStatus = 0;
+  std::atomic<int> writeStatus{0};
+  int writes = 0;
+  int closes = 0;
+  std::size_t most = 0;
+  test::Gate* gate = nullptr;
+};
+
+struct LineTest : testing::Test {
+  void SetUp() override { test::clearLog(); }
+
+  std::unique_ptr<TestOutput> owned = std::make_unique<TestOutput>();
+  TestOutput& output = *owned;
+  Line line{"test", std::move(owned)};
+  const Samples second = Samples(48000);
+};
+
+TEST_F(LineTest, BelongsToOneStreamAtATime) {
+  const int first = line.open();
+  ASSERT_GT(first, 0);
+  EXPECT_EQ(line.open(), -EBUSY);
+  EXPECT_EQ(line.write(first, second.data(), second.size()), 0);
+  EXPECT_EQ(output.writes, 100) << "in steps of 10 ms";
+  EXPECT_EQ(output.most, 480U);
+  EXPECT_EQ(line.close(first), 0);
+  const int next = line.open();
+  EXPECT_GT(next, 0);
+  EXPECT_NE(next, first);
+  for (const int stranger : {first, 0, -1, next + 1}) {
+    EXPECT_EQ(line.write(stranger, second.data(), 1), -EBADF);
+    EXPECT_EQ(line.close(stranger), -EBADF);
+  }
+  EXPECT_EQ(output.writes, 100);
+}
+
+TEST_F(LineTest, StaysDeadAfterAFailedWriteUntilItIsOpenedAgain) {
+  const int handle = line.open();
+  output.writeStatus = -EIO;
+  EXPECT_EQ(line.write(handle, second.data(), second.size()), -EIO);
+  output.writeStatus = 0;
+  EXPECT_EQ(line.write(handle, second.data(), second.size()), -EIO);
+  EXPECT_EQ(output.writes, 1) << "a dead stream's output must be left alone";
+  EXPECT_EQ(line.close(handle), 0);
+  const int next = line.open();
+  EXPECT_EQ(line.write(next, second.data(), 1), 0);
+}
+
+TEST_F(LineTest, LogsOnceForEachReasonWhyItDoesNotOpen) {
+  output.openStatus = -ENOENT;
+  for (const char* reason : {"gone", "gone", "busy", "busy"}) {
+    output.reason = reason;
+    EXPECT_EQ(line.open(), -ENOENT);
+  }
+  EXPECT_EQ(test::logLines().size(), 2U);
+  output.openStatus = 0;
+  line.close(line.open());
+  output.openStatus = -ENOENT;
+  line.open();
+  EXPECT_EQ(test::countLog("busy", LOG_ERR), 2);
+}
+
+TEST_F(LineTest, IsClosedUnderAWriteOfAnotherThread) {
+  test::Gate gate;
+  output.gate = &gate;
+  const int handle = line.open();
+  auto written = std::async(std::launch::async,
+                            [&] { return line.write(handle, second.data(), second.size()); });
+  gate.awaitArrival();
+  auto closed = std::async(std::launch::async, [&] { line.closeAny(); });
+  // The close is under way as soon as the handle is no longer good.
+  while (line.write(handle, second.data(), 1) != -EBADF)
+    std::this_thread::yield();
+  EXPECT_EQ(output.closes, 0) << "closed while a call was in the output";
+  gate.open();
+  EXPECT_EQ(written.get(), -EBADF);
+  closed.get();
+  EXPECT_EQ(output.writes, 1);
+  EXPECT_EQ(output.closes, 1);
+}
+
+class MediaServerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    test::clearLog();
+    start("wav:" + file);
+  }
+  void TearDown() override {
+    letTimePass([] { return ms_stop(); });
+    unsetenv("QUILLSPEAK_AUDIO");
+  }
+
+  static void start(const std::string& value) {
+    setenv("QUILLSPEAK_AUDIO", value.c_str(), 1);
+    EXPECT_EQ(ms_start(), 0);
+  }
+
+  /// Runs what blocks for as long as its sound takes.
+  template <typename Function>
+  int letTimePass(Function function) {
+    auto result = std::async(std::launch::async, function);
+    while (result.wait_for(0s) != std::future_status::ready) {
+      clock.advance(10ms);
+      std::this_thread::yield();
+    }
+    return result.get();
+  }
+
+  int play(int handle, const Samples& samples) {
+    return letTimePass([&] {
+      const auto bytes = static_cast<unsigned int>(2 * samples.size());
+      return ms_sendDataToAudPlayback(handle, samples.data(), bytes);
+    });
+  }
+
+  Samples recorded() const { return test::samplesFrom(test::readFile(file), 44); }
+
+  test::FakeClock clock;
+  test::ScratchFolder folder;
+  const std::string file = folder / "sound.wav";
+};
+
+TEST_F(MediaServerTest, PlaysSessionsInOrderAndReportsTheBytesTaken) {
+  EXPECT_EQ(ms_openAudPlayback(1), 0) << "an unknown kind of stream";
+  const int handle = ms_openAudPlayback(2);
+  ASSERT_GT(handle, 0);
+  EXPECT_EQ(ms_openAudPlayback(2), 0) << "a second stream";
+  EXPECT_EQ(ms_setOutputAudioPath(7, 10), 0);
+  const Samples first(5000, 11);
+  EXPECT_EQ(play(handle, first), 10000);
+  EXPECT_EQ(ms_sendDataToAudPlayback(handle, first.data(), 3), 2) << "half a frame is not taken";
+  EXPECT_EQ(ms_sendDataToAudPlayback(handle, first.data(), 0), 0);
+  EXPECT_LT(ms_sendDataToAudPlayback(handle, nullptr, 2), 0);
+  EXPECT_LT(ms_sendDataToAudPlayback(handle + 1, first.data(), 2), 0);
+  EXPECT_EQ(letTimePass([&] { return ms_closeAudPlayback(handle); }), 0);
+  EXPECT_LT(ms_closeAudPlayback(handle), 0);
+  EXPECT_LT(ms_sendDataToAudPlayback(handle, first.data(), 2), 0);
+  EXPECT_EQ(recorded(), Samples(5001, 11));
+}
+
+TEST_F(MediaServerTest, GoesOnInTheSameRecordingAfterAStop) {
+  const int handle = ms_openAudPlayback(2);
+  EXPECT_EQ(play(handle, Samples(480, 1)), 960);
+  // The stream is still open.
+  EXPECT_EQ(letTimePass([] { return ms_stop(); }), 0);
+  EXPECT_LT(ms_closeAudPlayback(handle), 0);
+  EXPECT_EQ(ms_openAudPlayback(2), 0) << "open while stopped";
+  EXPECT_LT(ms_startTone(ms_createToneSession(0), 1, 1), 0) << "a tone while stopped";
+  EXPECT_EQ(ms_start(), 0);
+  const int next = ms_openAudPlayback(2);
+  ASSERT_GT(next, 0);
+  EXPECT_EQ(play(next, Samples(480, 2)), 960);
+  Samples expected(480, 1);
+  expected.insert(expected.end(), 480, 2);
+  EXPECT_EQ(recorded(), expected);
+}
+
+TEST_F(MediaServerTest, LogsOnceWhatIsValidAndOpensNothingWhereTheOutputIsNot) {
+  for (const std::string& value : {std::string("loudspeaker"), "wav:" + folder / "missing/a.wav"}) {
+    test::clearLog();
+    start(value);
+    EXPECT_EQ(ms_openAudPlayback(2), 0);
+    EXPECT_EQ(ms_openAudPlayback(2), 0);
+    EXPECT_LT(ms_startTone(ms_createToneSession(0), 1, 1), 0);
+    EXPECT_EQ(test::logLines().size(), 1U) << value;
+    for (const char* valid : {"alsa:PCM", "wav:FILE", "null", "auto"})
+      EXPECT_EQ(test::countLog(valid, LOG_ERR), 1) << value;
+  }
+}
+
+TEST_F(MediaServerTest, RendersAToneUntilItIsStopped) {
+  const int session = ms_createToneSession(0);
+  ASSERT_GE(session, 0);
+  EXPECT_GE(ms_realizeSession(session), 0);
+  EXPECT_GE(ms_allocateSession(session), 0);
+  ASSERT_EQ(ms_startTone(session, 26, 1), 0);
+  while (recorded().size() < 48000)
+    clock.advanceToNextDeadline();
+  EXPECT_EQ(letTimePass([=] { return ms_stopSession(session); }), 0);
+  EXPECT_EQ(ms_closeSession(session), 0);
+
+  const Samples sound = recorded();
+  Samples expected(sound.size());
+  platform::audio::ToneGenerator(*platform::audio::toneAt(26))
+      .render(expected.data(), expected.size());
+  EXPECT_EQ(sound, expected);
+}
+
+TEST_F(MediaServerTest, LetsAToneAndSpeechExcludeEachOther) {
+  const int tone = ms_createToneSession(0);
+  const int other = ms_createToneSession(0);
+  EXPECT_NE(tone, other);
+  const int speech = ms_openAudPlayback(2);
+  EXPECT_LT(ms_startTone(tone, 1, 1), 0);
+  letTimePass([=] { return ms_closeAudPlayback(speech); });
+  EXPECT_EQ(ms_startTone(tone, 1, 1), 0);
+  EXPECT_LT(ms_startTone(tone, 1, 1), 0);
+  EXPECT_LT(ms_startTone(other, 1, 1), 0);
+  EXPECT_EQ(ms_openAudPlayback(2), 0);
+  // Closing the session stops its tone.
+  EXPECT_EQ(letTimePass([=] { return ms_closeSession(tone); }), 0);
+  EXPECT_EQ(ms_startTone(other, 1, 1), 0);
+}
+
+TEST_F(MediaServerTest, RefusesUnknownTonesAndSessions) {
+  const int session = ms_createToneSession(0);
+  for (const int index : {-1, 35, 1000})
+    EXPECT_LT(ms_startTone(session, index, 1), 0) << index;
+  EXPECT_EQ(ms_stopSession(session), 0) << "a silent session may be stopped";
+  EXPECT_EQ(ms_closeSession(session), 0);
+  for (const int unknown : {session, -1, session + 1}) {
+    EXPECT_LT(ms_realizeSession(unknown), 0);
+    EXPECT_LT(ms_allocateSession(unknown), 0);
+    EXPECT_LT(ms_startTone(unknown, 1, 1), 0);
+    EXPECT_LT(ms_stopSession(unknown), 0);
+    EXPECT_LT(ms_closeSession(unknown), 0);
+  }
+}
+
+TEST_F(MediaServerTest, ForgetsOldToneSessionsThatNobodyClosed) {
+  const int sounding = ms_createToneSession(0);
+  ASSERT_EQ(ms_startTone(sounding, 1, 1), 0);
+  const int first = ms_createToneSession(0);
+  for (int i = 0; i < 20; ++i)
+    EXPECT_GE(ms_createToneSession(0), 0);
+  EXPECT_LT(ms_realizeSession(first), 0);
+  EXPECT_EQ(ms_realizeSession(sounding), 0);
+}
+
+}  // namespace
