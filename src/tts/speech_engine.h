@@ -1,0 +1,72 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include <flite/flite.h>
+
+#include "platform/mutex.h"
+#include "tts/wave.h"
+
+namespace qs_ns {
+
+/// What travels with one synthesis through the engine and its callbacks. Lives on the stack of the
+/// thread that calls the engine.
+struct QS_StreamUserData {
+  /// Whom the samples are for; each callback knows its kind.
+  void* owner = nullptr;
+  /// Speed level asked for: 0 none, 1 (slow) to 5 (fast), anything else the default.
+  std::int32_t speed = 0;
+  /// 0 the default voice, 1 the fast one.
+  std::int32_t voice = 0;
+  /// Asked before the first and between the pieces of a text, with no lock held; may block. A
+  /// non-zero result ends the text with an empty wave. May be null.
+  int (*beforePiece)(QS_StreamUserData& userData) = nullptr;
+  /// Asked with `voiceMutex` held, just before Flite is called; must not block. True gives the
+  /// voice back at once and ends the text with an empty wave. May be null.
+  bool (*abandoned)(const QS_StreamUserData& userData) = nullptr;
+};
+
+/// The engine's chunk callback, as Flite defines it: the wave under construction, the index of the
+/// first new sample in it, how many are new, non-zero on the last call for the text, and the record
+/// whose `userdata` is the caller's `QS_StreamUserData`. Runs on the caller's thread with
+/// `voiceMutex` held and must not call the engine. 0 goes on, -1 abandons the text.
+using StreamCallback = int (*)(const cst_wave* wave, int start, int size, int last,
+                               cst_audio_streaming_info* info);
+
+/// Held around every Flite call and the voice features that belong to it: one synthesis at a time
+/// in the whole process. A text of several pieces gives it back between them.
+extern platform::Mutex voiceMutex;
+
+/// Initialises Flite, registers the voice and loads the lexicon addenda. Takes `voiceMutex`, so it
+/// may wait for one piece of a synthesis. Main thread.
+void qs_flite_init();
+
+/// Chooses the voice for a request (0 default, 1 fast). Null only where none could be registered.
+cst_voice* qs_fetch_voice(int requestedVoice);
+
+/// The speed level, 1 to 5, for a request; null asks for the configured one. Any thread; reads the
+/// property store.
+int qs_fetch_speed(const QS_StreamUserData* userData);
+
+// Both ways of synthesis pass the text through `guardText`, and one that is still heavier than an
+// utterance may be is spoken in pieces, each with its own hold of the voice.
+
+/// Synthesises `text` into a RIFF WAVE file at `path` (not followed if a symbolic link, and only a
+/// regular file is written; empty writes none). Blocks for the whole synthesis; any thread.
+/// `stop`, where given, ends it at the next chunk: nothing is written then and the result is -2.
+/// 0 done, also where the file could not be written (which is logged) or there is no voice; -2
+/// where Flite produced no wave.
+int qs_flite_tts_file(const std::string& text, const std::string& path, int reserved,
+                      const std::atomic<bool>* stop = nullptr);
+
+/// Synthesises `text` and hands its samples to `callback` (may be null) as they are produced;
+/// blocks until all are. Any thread. A text of several pieces reaches the callback as one growing
+/// wave. Returns the whole wave where `wantWave`, with 0 samples where the text was ended by a hook
+/// or by the callback (but for its last call, after which nothing is left to end); null without
+/// `wantWave`, without a voice, or where Flite failed.
+Wave qs_flite_tts_stream(const char* text, StreamCallback callback, QS_StreamUserData* userData,
+                         bool wantWave);
+
+}  // namespace qs_ns
