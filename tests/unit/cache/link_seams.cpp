@@ -1,0 +1,103 @@
+#include "link_seams.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+#include <flite/flite.h>
+
+namespace {
+
+std::atomic<int> live{0};
+std::atomic<int> peak{0};
+std::atomic<int> creationsUntilFailure{0};
+std::atomic<int> wavesDeleted{0};
+thread_local const void* argumentOfThread = nullptr;
+
+// Written before the lock that it waits for, on that lock's thread or before that thread starts.
+std::atomic<const void*> awaitedMutex{nullptr};
+std::function<void()> awaitedAction;
+
+struct Start {
+  void* (*function)(void*);
+  void* argument;
+};
+
+void* enter(void* given) {
+  const std::unique_ptr<Start> start(static_cast<Start*>(given));
+  argumentOfThread = start->argument;
+  void* const result = start->function(start->argument);
+  --live;
+  return result;
+}
+
+}  // namespace
+
+namespace test {
+
+int liveThreads() {
+  return live;
+}
+int threadPeak() {
+  return peak;
+}
+void resetThreadPeak() {
+  peak = live.load();
+}
+const void* threadArgument() {
+  return argumentOfThread;
+}
+void failThread(int creation) {
+  creationsUntilFailure = creation;
+}
+void beforeNextLock(const void* mutex, std::function<void()> action) {
+  awaitedAction = std::move(action);
+  awaitedMutex = mutex;
+}
+int deletedWaves() {
+  return wavesDeleted;
+}
+
+}  // namespace test
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's own names for a wrapped function.
+extern "C" {
+
+int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+int __real_pthread_mutex_lock(pthread_mutex_t*);
+void __real_delete_wave(cst_wave*);
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                          void* (*function)(void*), void* argument) {
+  if (creationsUntilFailure > 0 && --creationsUntilFailure == 0) return EAGAIN;
+  auto start = std::make_unique<Start>(Start{function, argument});
+  const int now = ++live;
+  for (int seen = peak; seen < now && !peak.compare_exchange_weak(seen, now);) {
+  }
+  const int error = __real_pthread_create(thread, attributes, enter, start.get());
+  if (error == 0) {
+    static_cast<void>(start.release());  // the thread owns it
+  } else {
+    --live;
+  }
+  return error;
+}
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+  const void* expected = mutex;
+  if (awaitedMutex.compare_exchange_strong(expected, nullptr)) {
+    std::exchange(awaitedAction, nullptr)();
+  }
+  return __real_pthread_mutex_lock(mutex);
+}
+
+void __wrap_delete_wave(cst_wave* wave) {
+  if (wave != nullptr) ++wavesDeleted;
+  __real_delete_wave(wave);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
