@@ -1,0 +1,160 @@
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core/interfaces/cache_thread_base.h"
+#include "dsp/pfir.h"
+#include "pfir_literal.h"
+#include "playback/message_queue_thread.h"
+#include "support/fakes.h"
+#include "support/scratch_folder.h"
+#include "tts/speech_engine.h"
+
+// The voice draws its noise from here; a constant makes speech comparable sample for sample.
+extern "C" int rand() {
+  return 1 << 29;
+}
+
+namespace {
+
+using test::Samples;
+
+constexpr int kFrame = 160;
+
+/// What Flite makes of a text by itself.
+Samples speechOf(const std::string& text) {
+  const platform::MutexLock hold(qs_ns::voiceMutex);
+  cst_voice* voice = qs_ns::qs_fetch_voice(0);
+  feat_set_float(voice->features, "duration_stretch", 0.75F);
+  const qs_ns::Wave wave(flite_text_to_wave(text.c_str(), voice));
+  return {wave->samples, wave->samples + wave->num_samples};
+}
+
+/// What is to be heard of speech: whole frames with a rising gain, the rest faded out, each sample
+/// become three. Written from the arithmetic, not from the code under test.
+class Expected {
+ public:
+  void speak(const Samples& speech) {
+    for (std::size_t i = 0; i < speech.size(); ++i) {
+      if (i == speech.size() / kFrame * kFrame) target = 0;
+      scaled.push_back(gained(gain, speech[i]));
+      step();
+    }
+    while (scaled.size() % kFrame != 0) {
+      scaled.push_back(0);
+      step();
+    }
+    target = 512;
+  }
+  void alert(const Samples& sound) {
+    for (const int sample : sound)
+      scaled.push_back(gained(512, sample));
+    // The end of the file is seen one frame late where it ends with a frame.
+    do
+      scaled.push_back(0);
+    while (scaled.size() % kFrame != 0);
+  }
+  Samples heard() const { return test::literalUp(pfir_getUpFilterConfig(3), scaled); }
+
+ private:
+  static std::int16_t gained(std::int64_t by, int sample) {
+    return test::saturate<std::int16_t>((by * sample + 512) >> 10);
+  }
+  void step() { gain += ((target - gain) * 100) >> 10; }
+
+  Samples scaled;
+  std::int64_t gain = 0;
+  std::int64_t target = 512;
+};
+
+class Pipeline : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    setenv("QUILLSPEAK_PROPERTIES", "/nonexistent", 1);
+    qs_ns::qs_flite_init();
+  }
+  void SetUp() override {
+    controller.filter = &filter.state;
+    queue.setController(&controller);
+    queue.runThread();
+  }
+  void TearDown() override { queue.stopThread(); }
+
+  /// Plays a request to its end; what was heard of it.
+  Samples play(std::vector<std::string> texts, std::int32_t flags = 0,
+               const char* alert = nullptr) {
+    const std::size_t before = controller.media.samples().size();
+    queue.addToQueue(test::makeRequest(std::move(texts), flags, alert));
+    controller.restarts.await(++played);
+    const Samples all = controller.media.samples();
+    return {all.begin() + static_cast<std::ptrdiff_t>(before), all.end()};
+  }
+
+  test::FakeController controller;
+  test::UpFilter filter{pfir_getUpFilterConfig(3)};
+  qs_ns::QS_MessageQueueThread queue;
+  int played = 0;
+  std::uint64_t playing = 0;
+};
+
+TEST_F(Pipeline, PlaysWhatFliteSynthesisesSampleForSample) {
+  for (const char* text : {"Incoming call from Ada Lovelace", "Hold"}) {
+    Expected expected;
+    expected.speak(speechOf(text));
+    EXPECT_EQ(play({text}), expected.heard()) << text;
+  }
+}
+
+TEST_F(Pipeline, JoinsTextsWithoutTheFirstChunkOfALaterOne) {
+  Samples speech = speechOf("first");
+  const Samples second = speechOf("second");
+  speech.insert(speech.end(), second.begin() + 400, second.end());
+  Expected expected;
+  expected.speak(speech);
+  EXPECT_EQ(play({"first", "second"}), expected.heard());
+}
+
+TEST_F(Pipeline, TheAlertContinuesTheFiltersHistory) {
+  const test::ScratchFolder folder;
+  const Samples sound(320, 9000);
+  test::writeFile(folder / "alert.raw",
+                  std::string(reinterpret_cast<const char*>(sound.data()), sound.size() * 2));
+  Expected expected;
+  expected.speak(speechOf("Decline"));
+  expected.alert(sound);
+  EXPECT_EQ(play({"Decline"}, qs_ns::kPlayAlertAfterTexts, (folder / "alert.raw").c_str()),
+            expected.heard());
+}
+
+TEST_F(Pipeline, AStoppedRequestLeavesNoTraceInTheNext) {
+  controller.media.onFrame = [&](int frame) {
+    if (frame != 40) return;
+    queue.stopPlaying(playing);
+  };
+  auto request = test::makeRequest({"a text that is stopped in the middle of a loud vowel"});
+  playing = request->handle;
+  queue.addToQueue(std::move(request));
+  controller.restarts.await(++played);
+  EXPECT_EQ(controller.reports().back().second, 1);
+  Expected expected;
+  expected.speak(speechOf("Resume"));
+  EXPECT_EQ(play({"Resume"}), expected.heard());
+}
+
+TEST_F(Pipeline, ALongTextIsSpokenWholeInPieces) {
+  std::string text;
+  for (int i = 0; i < 6; ++i)
+    text += "This sentence number " + std::string(1, char('A' + i)) +
+            " has a few words more than the last one. ";
+  const Samples heard = play({text});
+  const std::size_t asOneUtterance = 3 * speechOf(text).size();
+  EXPECT_GT(heard.size(), asOneUtterance);
+  EXPECT_LT(heard.size(), asOneUtterance * 3 / 2);
+}
+
+}  // namespace

@@ -1,0 +1,136 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "core/interfaces/cache_thread_base.h"
+#include "core/interfaces/controller_base.h"
+#include "core/interfaces/media_interface_base.h"
+#include "dsp/pfir.h"
+#include "playback/play_request.h"
+#include "support/gate.h"
+
+namespace test {
+
+/// Takes sound as fast as it comes and keeps it; `onFrame` is called on the writer with the number
+/// of each frame, from 1, before it is kept.
+class FakeMedia final : public qs_ns::QS_MediaInterfaceBase {
+ public:
+  std::function<void(int)> onFrame = [](int) {};
+  /// Called when a session is closed.
+  std::function<void()> onClose = [] {};
+  bool connects = true;
+  bool opens = true;
+  int volume = 512;
+  Tally opened;
+  Tally closed;
+
+  /// The samples of one frame, or of all.
+  std::vector<std::vector<std::int16_t>> frames() const {
+    const std::lock_guard lock(mutex);
+    return kept;
+  }
+  std::vector<std::int16_t> samples() const {
+    std::vector<std::int16_t> all;
+    for (const auto& frame : frames())
+      all.insert(all.end(), frame.begin(), frame.end());
+    return all;
+  }
+  Tally frameCount;
+
+  int cleanupMSInterface() override { return 0; }
+  bool initializeMSInterface() override { return connects; }
+  int setPathMsAudPlaybackSession() override { return 0; }
+  int startMsAudPlaybackSession() override {
+    if (session != 0) return 0;
+    if (!opens) return -5;
+    session = 7;
+    opened.add();
+    return 0;
+  }
+  int stopMsAudPlaybackSession() override {
+    if (session.exchange(0) == 0) return 0;
+    onClose();
+    closed.add();
+    return 0;
+  }
+  int playDataMsAudPlaybackSession(const void* data, unsigned int bytes) override {
+    onFrame(frameCount.value() + 1);
+    const auto* first = static_cast<const std::int16_t*>(data);
+    {
+      const std::lock_guard lock(mutex);
+      kept.emplace_back(first, first + bytes / sizeof(std::int16_t));
+    }
+    frameCount.add();
+    return static_cast<int>(bytes);
+  }
+  int getMsAudPlaybackSession() override { return session; }
+  void setVolume(int level) override { volume = level; }
+  int getVolume() override { return volume; }
+  int startMsTone(int) override { return -1; }
+  int stopMsTone(int) override { return -1; }
+
+ private:
+  std::atomic<int> session{0};
+  mutable std::mutex mutex;
+  std::vector<std::vector<std::int16_t>> kept;
+};
+
+/// A controller whose every call can be hooked.
+class FakeController final : public qs_ns::QS_ControllerBase {
+ public:
+  using Report = std::pair<std::uint64_t, int>;
+
+  FakeMedia media;
+  std::shared_ptr<qs_ns::QS_CacheThreadBase> cache;
+  bool cacheEnabled = false;
+  /// Null: the writer sends what it scaled, at the speech rate.
+  pfir_upFilterState* filter = nullptr;
+  std::function<void()> onSetState = [] {};
+  std::function<void()> onStartPlayback = [] {};
+  std::function<void(int)> onReport = [](int) {};
+  Tally reported;
+  Tally restarts;
+
+  std::vector<Report> reports() const {
+    const std::lock_guard lock(mutex);
+    return kept;
+  }
+
+  qs_ns::QS_MediaInterfaceBase* getMediaIF() override { return &media; }
+  std::shared_ptr<qs_ns::QS_CacheThreadBase> getCacheThread() override { return cache; }
+  pfir_upFilterState* getFirUpState() override { return filter; }
+  void setState(int) override { onSetState(); }
+  void reportPlayRequestResult(const qs_ns::QS_PlayRequest* request, int result) override {
+    onReport(result);
+    {
+      const std::lock_guard lock(mutex);
+      kept.emplace_back(request->handle, result);
+    }
+    reported.add();
+  }
+  bool isCacheEnabled() override { return cacheEnabled; }
+  int startMsAudPlayback() override {
+    onStartPlayback();
+    return media.startMsAudPlaybackSession() == 0 ? 0 : -10;
+  }
+  void reportCachingComplete(const qs_ns::QS_CacheThreadBase*) override {}
+  bool isMessageQueueBusy() override { return false; }
+  void restartCaching(bool) override { restarts.add(); }
+
+ private:
+  mutable std::mutex mutex;
+  std::vector<Report> kept;
+};
+
+inline std::unique_ptr<qs_ns::QS_PlayRequest> makeRequest(std::vector<std::string> texts,
+                                                          std::int32_t flags = 0,
+                                                          const char* alert = nullptr) {
+  return std::make_unique<qs_ns::QS_PlayRequest>(std::move(texts), alert, 0, 0, flags);
+}
+
+}  // namespace test
