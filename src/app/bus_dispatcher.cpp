@@ -1,0 +1,127 @@
+#include "app/bus_dispatcher.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "app/process.h"
+#include "platform/clock.h"
+#include "platform/mutex.h"
+#include "platform/property_store.h"
+
+namespace qs_ns {
+
+namespace {
+
+platform::Mutex dispatcherMutex{true};
+CheckingBusDispatcher* registeredDispatcher GUARDED_BY(dispatcherMutex) = nullptr;
+std::atomic<int> automationStatus{-1};
+
+// What clients see of a lost bus: the process ends with -1.
+constexpr int kBusLost = -1;
+
+}  // namespace
+
+CheckingBusDispatcher::CheckingBusDispatcher() : watch(posted.descriptor(), POLLIN, this) {}
+
+CheckingBusDispatcher::~CheckingBusDispatcher() {
+  // The library closes the descriptors that wake its loop only when it is told to leave.
+  if (left) return;
+  for (const int end : _fdunlock)
+    close(end);
+}
+
+void CheckingBusDispatcher::rem_watch(DBus::Watch* removed) {
+  const platform::MutexLock hold(removedMutex);
+  static_cast<DBus::BusWatch*>(removed)->DBus::DefaultWatch::enabled(false);
+  removedWatches.push_back(removed);
+}
+
+void CheckingBusDispatcher::deleteRemovedWatches() {
+  std::vector<DBus::Watch*> due;
+  {
+    const platform::MutexLock hold(removedMutex);
+    due.swap(removedWatches);
+  }
+  for (DBus::Watch* const removed : due)
+    DBus::BusDispatcher::rem_watch(removed);
+}
+
+void CheckingBusDispatcher::do_iteration() {
+  if (connection != nullptr && !connection->connected()) {
+    syslog(LOG_ERR, "Lost DBUS system bus connection, exiting.");
+    endProcess(kBusLost);
+  }
+  deleteRemovedWatches();
+  posted.run();
+  // The library has closed its wake-up descriptors by now; another poll would watch a stranger's.
+  if (left) return;
+  DBus::BusDispatcher::do_iteration();
+}
+
+void CheckingBusDispatcher::postLeave() {
+  posted.post(BusWork::Kind::leave, [this] { leaveOnce(); });
+}
+
+void CheckingBusDispatcher::leaveOnce() {
+  if (left) return;
+  left = true;
+  leave();
+}
+
+void set_dispatcher(CheckingBusDispatcher* dispatcher) {
+  const platform::MutexLock hold(dispatcherMutex);
+  registeredDispatcher = dispatcher;
+}
+
+bool withDispatcher(const std::function<void(CheckingBusDispatcher&)>& use) {
+  const platform::MutexLock hold(dispatcherMutex);
+  if (registeredDispatcher == nullptr) {
+    syslog(LOG_ERR, "dispatcher is NULL");
+    return false;
+  }
+  use(*registeredDispatcher);
+  return true;
+}
+
+int get_qs_automation_status() {
+  return automationStatus;
+}
+
+void set_qs_automation_status(int status) {
+  automationStatus = status;
+}
+
+bool automationEnabled() {
+  int value = 0;
+  return getIntegerProperty("device.feature.dbus-automation", &value) == 0 && value == 1;
+}
+
+int startDetached(void* (*body)(void*), void* argument) {
+  pthread_t thread;
+  const int error = pthread_create(&thread, nullptr, body, argument);
+  if (error == 0) pthread_detach(thread);
+  return error;
+}
+
+void qs_disconnectDBus() {
+  if (!automationEnabled()) return;
+  if (const int error = startDetached(disconnectDBusMethod, nullptr)) {
+    syslog(LOG_WARNING, "%s: pthread create failed %s", "qs_disconnectDBus", std::strerror(error));
+  }
+}
+
+void* disconnectDBusMethod(void* /*unused*/) {
+  platform::clock().sleepFor(std::chrono::seconds(1));
+  withDispatcher([](CheckingBusDispatcher& dispatcher) {
+    syslog(LOG_INFO, "Disconnecting DBus Connection");
+    dispatcher.postLeave();
+  });
+  return nullptr;
+}
+
+}  // namespace qs_ns

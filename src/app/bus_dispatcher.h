@@ -1,0 +1,68 @@
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include <dbus-c++/dbus.h>
+
+#include "core/interfaces/bus_release.h"
+#include "dbus/bus_work.h"
+#include "platform/mutex.h"
+
+namespace qs_ns {
+
+/// The bus loop of one service cycle. Ends the process when the bus is lost, and runs what other
+/// threads posted. Main thread, but for `work().post` and `postLeave`.
+class CheckingBusDispatcher : public DBus::BusDispatcher {
+ public:
+  CheckingBusDispatcher();
+  ~CheckingBusDispatcher() override;
+
+  /// The connection whose loss ends the process; null for none.
+  void attach(DBus::Connection* served) { connection = served; }
+
+  void do_iteration() override;
+  /// Puts the watch aside, where it does nothing: the library may remove it while it walks over it.
+  void rem_watch(DBus::Watch* removed) override;
+
+  BusWork& work() { return posted; }
+
+  /// Makes the loop leave once it has run what was posted before. Any thread; a second one in the
+  /// same cycle does nothing, since the library's loop bears one only.
+  void postLeave();
+
+ private:
+  void leaveOnce();
+  void deleteRemovedWatches();
+
+  BusWork posted;
+  DBus::DefaultWatch watch;
+  DBus::Connection* connection = nullptr;
+  /// Was the loop told to leave?
+  bool left = false;
+  platform::Mutex removedMutex{true};
+  std::vector<DBus::Watch*> removedWatches GUARDED_BY(removedMutex);
+};
+
+/// The dispatcher of the cycle under way, null for none. Main thread. Others reach it through
+/// `withDispatcher`.
+void set_dispatcher(CheckingBusDispatcher* dispatcher);
+
+/// Calls `use` with the dispatcher of the cycle, which stays alive meanwhile; where there is none,
+/// logs that and returns false. Any thread; `use` may only post.
+bool withDispatcher(const std::function<void(CheckingBusDispatcher&)>& use);
+
+/// -1 not known yet, 0 serve, 1 a test set-up has the name: stand aside.
+int get_qs_automation_status();
+void set_qs_automation_status(int status);
+
+/// Is the automation feature on in the property store?
+bool automationEnabled();
+
+/// Starts `body(argument)` on a detached thread; 0, or the errno value.
+int startDetached(void* (*body)(void*), void* argument);
+
+/// The body of the thread that `qs_disconnectDBus` starts; the argument is not used.
+void* disconnectDBusMethod(void* unused);
+
+}  // namespace qs_ns

@@ -1,0 +1,53 @@
+#include <algorithm>
+#include <chrono>
+
+#include <gtest/gtest.h>
+
+#include "daemon/fixture.h"
+
+// By itself, and with no other test beside it: what is measured is the daemon, not the machine.
+
+namespace {
+
+using namespace std::chrono_literals;
+using Latency = test::DaemonTest;
+
+TEST_F(Latency, CallsAreAnsweredWhileTheLargestTextsAreSynthesised) {
+  start();
+  std::string heavy;
+  while (heavy.size() < 4000)
+    heavy += "speech daemon ";
+  std::string file;
+  while (file.size() < 16000)
+    file += "conversion ";
+  client->fetchLater(file, folder / "long.wav");
+  const std::uint64_t handle = client->play({heavy}, 2).value;
+  std::vector<std::chrono::microseconds> times;
+  for (int i = 0; i < 200; ++i) {
+    const auto asked = std::chrono::steady_clock::now();
+    switch (i % 4) {
+      case 0:
+        client->stop(1);
+        break;
+      case 1:
+        client->reload(0);
+        break;
+      case 2:
+        client->setVolume(2);
+        break;
+      default:
+        client->property("State");
+    }
+    times.push_back(std::chrono::duration_cast<std::chrono::microseconds>(
+        std::chrono::steady_clock::now() - asked));
+  }
+  std::sort(times.begin(), times.end());
+  RecordProperty("p99_us", static_cast<int>(times[197].count()));
+  RecordProperty("worst_us", static_cast<int>(times.back().count()));
+  EXPECT_LE(times.back(), test::kSlowBuild ? 100ms : 50ms);
+  EXPECT_LE(times[197], test::kSlowBuild ? 10ms : 5ms);
+  client->stop(handle);
+  EXPECT_EQ(client->awaitResult(handle)->resultCode, 1U);
+}
+
+}  // namespace
