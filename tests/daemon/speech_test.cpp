@@ -65,6 +65,8 @@ TEST_F(Speech, AStopEndsThePlayingTextSoon) {
 TEST_F(Speech, ANewerTextDisplacesAndAPoliteOneWaits) {
   start();
   const std::uint64_t first = client->play({test::longText()}).value;
+  // One that is still queued would be displaced without a result.
+  ASSERT_TRUE(daemon->waitForLog("WriteTTSThread started"));
   const std::uint64_t second = client->play({"second"}).value;
   const std::uint64_t polite = client->play({"third"}, 1).value;
   ASSERT_TRUE(client->awaitResult(polite).has_value());
