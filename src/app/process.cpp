@@ -1,12 +1,12 @@
 #include "app/process.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,8 +15,10 @@
 
 // There in the builds with these instruments, which report at a normal exit that we do not take.
 extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier): the compiler's names
 void __lsan_do_leak_check() __attribute__((weak));
 void __gcov_dump() __attribute__((weak));
+// NOLINTEND(bugprone-reserved-identifier)
 }
 
 namespace qs_ns {
@@ -99,7 +101,7 @@ void startUp() {
 
 void installHandlers() {
   signal(SIGPIPE, SIG_IGN);
-  pthread_t thread;
+  pthread_t thread{};
   const int error = pthread_create(&thread, nullptr, takeSignals, nullptr);
   if (error != 0) {
     // Without it SIGTERM would be blocked for ever.

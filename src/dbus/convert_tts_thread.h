@@ -56,7 +56,7 @@ class ConversionLine {
 class QS_ConvertTTSThread final : public platform::Thread {
  public:
   /// `tag` is only passed on; `order` and what `callback` is bound to outlive the thread.
-  QS_ConvertTTSThread(DBus::Tag* tag, std::string text, std::string filePath,
+  QS_ConvertTTSThread(DBus::Tag* tag, std::string toConvert, std::string filePath,
                       ConversionCallback callback, ConversionLine& order);
   ~QS_ConvertTTSThread() override;
 
