@@ -9,6 +9,7 @@
 
 #include "app/bus_dispatcher.h"
 #include "platform/clock.h"
+#include "platform/thread.h"
 
 namespace qs_ns {
 
@@ -71,9 +72,11 @@ int qs_test_automation(DBus::Connection* connection) {
     set_qs_automation_status(0);
     return 0;
   }
-  if (const int error = startDetached(testDBusThread, connection)) {
+  const int status =
+      platform::startDetached("QS_BusProbe", [connection] { testDBusThread(connection); });
+  if (status != 0) {
     syslog(LOG_WARNING, "%s: pthread create failed %s \n", "qs_test_automation",
-           std::strerror(error));
+           std::strerror(-status));
     set_qs_automation_status(0);
     return 0;
   }

@@ -1,7 +1,6 @@
 #include "app/bus_dispatcher.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include "platform/clock.h"
 #include "platform/mutex.h"
 #include "platform/property_store.h"
+#include "platform/thread.h"
 
 namespace qs_ns {
 
@@ -101,17 +101,13 @@ bool automationEnabled() {
   return getIntegerProperty("device.feature.dbus-automation", &value) == 0 && value == 1;
 }
 
-int startDetached(void* (*body)(void*), void* argument) {
-  pthread_t thread{};
-  const int error = pthread_create(&thread, nullptr, body, argument);
-  if (error == 0) pthread_detach(thread);
-  return error;
-}
-
 void qs_disconnectDBus() {
   if (!automationEnabled()) return;
-  if (const int error = startDetached(disconnectDBusMethod, nullptr)) {
-    syslog(LOG_WARNING, "%s: pthread create failed %s", "qs_disconnectDBus", std::strerror(error));
+  const int status =
+      platform::startDetached("QS_Disconnect", [] { disconnectDBusMethod(nullptr); });
+  if (status != 0) {
+    syslog(LOG_WARNING, "%s: pthread create failed %s", "qs_disconnectDBus",
+           std::strerror(-status));
   }
 }
 

@@ -59,9 +59,6 @@ void set_qs_automation_status(int status);
 /// Is the automation feature on in the property store?
 bool automationEnabled();
 
-/// Starts `body(argument)` on a detached thread; 0, or the errno value.
-int startDetached(void* (*body)(void*), void* argument);
-
 /// The body of the thread that `qs_disconnectDBus` starts; the argument is not used.
 void* disconnectDBusMethod(void* unused);
 

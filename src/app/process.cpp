@@ -1,6 +1,5 @@
 #include "app/process.h"
 
-#include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <cstring>
 
 #include "platform/process_services.h"
+#include "platform/thread.h"
 
 // There in the builds with these instruments, which report at a normal exit that we do not take.
 extern "C" {
@@ -42,8 +42,7 @@ sigset_t handledSignals() {
 }
 
 // Signals are taken by a thread of their own, since nothing that they ask for is safe in a handler.
-void* takeSignals(void*) {
-  pthread_name_np(gettid(), "QS_Signals");
+void takeSignals() {
   const sigset_t signals = handledSignals();
   for (;;) {
     int signal = 0;
@@ -101,14 +100,11 @@ void startUp() {
 
 void installHandlers() {
   signal(SIGPIPE, SIG_IGN);
-  pthread_t thread{};
-  const int error = pthread_create(&thread, nullptr, takeSignals, nullptr);
-  if (error != 0) {
+  if (const int status = platform::startDetached("QS_Signals", takeSignals); status != 0) {
     // Without it SIGTERM would be blocked for ever.
-    syslog(LOG_ERR, "%s: no thread for signals: %s", "installHandlers", std::strerror(error));
+    syslog(LOG_ERR, "%s: no thread for signals: %s", "installHandlers", std::strerror(-status));
     endProcess(EXIT_FAILURE);
   }
-  pthread_detach(thread);
 }
 
 void catchTerm(int /*signal*/) {

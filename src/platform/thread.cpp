@@ -7,11 +7,31 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
 
 #include "platform/process_services.h"
 #include "platform/signal_stack.h"
 
 namespace platform {
+
+namespace {
+
+struct DetachedWork {
+  std::string threadName;
+  std::function<void()> body;
+};
+
+void* enterDetached(void* handedOver) {
+  const std::unique_ptr<DetachedWork> work(static_cast<DetachedWork*>(handedOver));
+  const SignalStack signalStack;
+  pthread_name_np(gettid(), work->threadName.c_str());
+  work->body();
+  return nullptr;
+}
+
+}  // namespace
 
 Thread::~Thread() {
   const MutexLock lock(startLock);
@@ -70,6 +90,16 @@ void Thread::settle() const {
     syslog(LOG_WARNING, "%s: nice level %d refused: %s", threadName, niceLevel,
            std::strerror(errno));
   }
+}
+
+int startDetached(const char* name, std::function<void()> body) {
+  auto work = std::make_unique<DetachedWork>(DetachedWork{name, std::move(body)});
+  pthread_t thread{};
+  if (const int error = pthread_create(&thread, nullptr, enterDetached, work.get())) return -error;
+  // The thread owns it from here on.
+  static_cast<void>(work.release());
+  pthread_detach(thread);
+  return 0;
 }
 
 }  // namespace platform

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 
 #include "platform/mutex.h"
 
@@ -23,9 +24,10 @@ class Thread {
   Thread& operator=(const Thread&) = delete;
 
   /// Starts the loop on a new thread. `name` (15 bytes of it are kept) is copied; `nice` is a nice
-  /// level for this thread alone and `stackBytes` its stack, 0 standing for the default of either.
-  /// Returns 0, or the negative errno value where no thread could be had; then nothing runs.
-  /// Once per object. The loop may be under way, and another thread in `join`, before this returns.
+  /// level for this thread alone (0: its creator's) and `stackBytes` its stack, 0 standing for the
+  /// default of either. Returns 0, or the negative errno value where no thread could be had; then
+  /// nothing runs. Once per object. The loop may be under way, and another thread in `join`, before
+  /// this returns.
   int run(const char* name, int nice, std::size_t stackBytes);
 
   /// Asks the loop to end after the pass under way (before `run`: after the first). Any thread, the
@@ -56,5 +58,9 @@ class Thread {
   bool joinable GUARDED_BY(startLock) = false;
   pthread_t handle GUARDED_BY(startLock){};
 };
+
+/// Runs `body` once, on a thread that nobody joins: for work that outlives its owner or may hang in
+/// a driver. `name` as above. Returns 0, or the negative errno value where no thread could be had.
+int startDetached(const char* name, std::function<void()> body);
 
 }  // namespace platform

@@ -1,15 +1,12 @@
 #include "platform/audio/guarded_output.h"
 
-#include <pthread.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
-#include "platform/process_services.h"
+#include "platform/thread.h"
 
 namespace platform::audio {
 
@@ -38,7 +35,6 @@ class GuardedOutput::Desk {
     std::size_t frames;
   };
 
-  static void* enter(void* handedOver);
   void serve();
   Order awaitOrder(Step& received);
   bool answer(int result, std::string text = {});
@@ -59,24 +55,7 @@ class GuardedOutput::Desk {
 };
 
 int GuardedOutput::Desk::startThread(std::shared_ptr<Desk> desk) {
-  pthread_attr_t attributes;
-  if (const int error = pthread_attr_init(&attributes); error != 0) return -error;
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  auto share = std::make_unique<std::shared_ptr<Desk>>(std::move(desk));
-  pthread_t thread{};
-  const int error = pthread_create(&thread, &attributes, enter, share.get());
-  pthread_attr_destroy(&attributes);
-  // The thread owns its share from here on.
-  if (error == 0) static_cast<void>(share.release());
-  return -error;
-}
-
-void* GuardedOutput::Desk::enter(void* handedOver) {
-  const std::unique_ptr<std::shared_ptr<Desk>> share(
-      static_cast<std::shared_ptr<Desk>*>(handedOver));
-  pthread_name_np(gettid(), "QS_AudioDevice");
-  (*share)->serve();
-  return nullptr;
+  return startDetached("QS_AudioDevice", [share = std::move(desk)] { share->serve(); });
 }
 
 void GuardedOutput::Desk::serve() {
