@@ -128,7 +128,8 @@ void endProcess(int status) {
       pause();
   }
   if (registered) cleanup();
-  std::fflush(stdout);
+  // A thread may hold it inside a printf to a terminal that was stopped.
+  if (ftrylockfile(stdout) == 0) std::fflush(stdout);
   if (__gcov_dump != nullptr) __gcov_dump();
   if (__lsan_do_leak_check != nullptr) __lsan_do_leak_check();
   _exit(status);
