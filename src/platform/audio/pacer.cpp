@@ -19,6 +19,13 @@ void Pacer::waitForRoom(std::size_t frames, std::size_t depth) {
 void Pacer::add(std::size_t frames) {
   if (clock().now() > endOfSound()) restart();
   framesSinceStart += static_cast<std::int64_t>(frames);
+  // In nanoseconds a count of days would not fit.
+  constexpr std::chrono::hours kStep{1};
+  constexpr std::int64_t kStepOfFrames = std::chrono::seconds(kStep).count() * kFramesPerSecond;
+  if (framesSinceStart >= kStepOfFrames) {
+    framesSinceStart -= kStepOfFrames;
+    start += kStep;
+  }
 }
 
 MonotonicTime Pacer::endOfSound() const {
