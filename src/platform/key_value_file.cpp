@@ -65,13 +65,6 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-std::string_view withoutComment(std::string_view line) {
-  for (std::size_t at = line.find('#'); at != std::string_view::npos; at = line.find('#', at + 1)) {
-    if (at == 0 || kBlanks.find(line[at - 1]) != std::string_view::npos) return line.substr(0, at);
-  }
-  return line;
-}
-
 std::optional<std::int64_t> parseDigits(std::string_view digits, int base) {
   std::int64_t number = 0;
   const char* end = digits.data() + digits.size();
@@ -135,7 +128,7 @@ void KeyValueFile::parse(std::string_view text) {
 }
 
 void KeyValueFile::parseLine(std::string_view line) {
-  line = withoutComment(line);
+  line = line.substr(0, line.find('#'));
   const std::size_t equals = line.find('=');
   // A NUL would cut the value short for a caller that wants a C string.
   if (equals == std::string_view::npos || line.find('\0') != std::string_view::npos) return;

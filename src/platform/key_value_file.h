@@ -15,9 +15,8 @@ namespace platform {
 /// A small text file of `key = value` lines, parsed again only when it has changed.
 ///
 /// Blanks around key and value do not count, the last line of a key wins, lines without `=` or key
-/// are passed over. `#` begins a comment at the start of a line and after a blank, so that a value
-/// may hold one (`a#b`). Only a regular file of at most `kMaxBytes` is read: a pipe, a folder or a
-/// file of noise is a failed read and blocks nobody.
+/// are passed over, `#` begins a comment wherever it stands. Only a regular file of at most
+/// `kMaxBytes` is read: a pipe, a folder or a file of noise is a failed read and blocks nobody.
 ///
 /// A file that is replaced by rename is read whole, the old one or the new one. Not synchronised:
 /// the owner's lock guards it.
