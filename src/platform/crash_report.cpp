@@ -223,9 +223,8 @@ void CrashReport::logDirectly(const char* socketPath) {
   std::size_t position = sent.load();
   while (const char* line = next(position)) {
     char message[600];
-    const int length =
-        std::snprintf(message, sizeof message, "<%d>%s[%d]: %s", LOG_DAEMON | LOG_CRIT,
-                      program_invocation_short_name, getpid(), line);
+    const int length = std::snprintf(message, sizeof message, "<%d>quillspeak[%d]: %s",
+                                     LOG_LOCAL0 | LOG_CRIT, getpid(), line);
     sendto(channel.get(), message, static_cast<std::size_t>(length), 0,
            reinterpret_cast<const sockaddr*>(&address), sizeof address);
     sent = position;
