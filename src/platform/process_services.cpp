@@ -1,6 +1,7 @@
 #include "platform/process_services.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -60,11 +61,17 @@ class PidFile {
 platform::Mutex registrationsMutex(true);
 std::map<std::string, std::unique_ptr<PidFile>> registrations GUARDED_BY(registrationsMutex);
 
+// The file of another user, in a folder that both may write.
+bool isHeld(const std::string& path) {
+  const platform::UniqueFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  return file && flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
 // The lock is an flock, free again however the process ends. libbsd opens anew where the file that
 // it locked had just been unlinked, so two processes never hold "the" file at once.
 int openPidFile(const std::string& path, std::unique_ptr<PidFile>& registration) {
   pidfh* const handle = pidfile_open(path.c_str(), 0644, nullptr);
-  if (handle == nullptr) return errno;
+  if (handle == nullptr) return errno == EACCES && isHeld(path) ? EEXIST : errno;
   registration = std::make_unique<PidFile>(path, handle);
   fcntl(pidfile_fileno(handle), F_SETFD, FD_CLOEXEC);
   return pidfile_write(handle) == 0 ? 0 : errno;

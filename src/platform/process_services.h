@@ -13,8 +13,7 @@ struct TraceValues {
   std::int32_t data;
 };
 
-// What the platform does for a service process. None of them throws; main thread, except where
-// said.
+// What the platform does for a service process. Main thread, except where said; none blocks.
 
 /// Registers this process under `name`: 0 when it is the only one, non-zero when another running
 /// process holds the registration (a file left by a crash does not count). Where it cannot be
@@ -31,8 +30,9 @@ int restart_disconnect(const char* name, int reserved);
 
 /// From here on a crash (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT) on any thread leaves a
 /// symbolised stack in syslog before the process dies of its signal, within 2 s whatever state it
-/// is in. A signal that has a handler already (a sanitizer's) keeps it. Reads the debug information
-/// now, so it takes some 50 ms where the program has much of it. -1 on failure.
+/// is in. A stack that overflows is reported on the main thread and those of `platform/thread.h`. A
+/// signal that has a handler already (a sanitizer's) keeps it. Reads the debug information now, so
+/// it takes some 50 ms where the program has much of it. -1 on failure.
 int initCrashHandler();
 
 /// Fills `values` from the trace file, named by QUILLSPEAK_TRACE or /etc/quillspeak/trace.conf, and
@@ -40,5 +40,6 @@ int initCrashHandler();
 /// number of 32 bits is 0; hexadecimal ones may use all 32. Any thread.
 void settrcvalues(const char* name, TraceValues* values);
 
-/// Names the thread with kernel id `thread` of this process; 15 bytes of the name are kept.
+/// Names the thread with kernel id `thread` of this process; 15 bytes of the name are kept. Any
+/// thread.
 void pthread_name_np(pid_t thread, const char* name);

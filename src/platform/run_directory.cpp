@@ -32,7 +32,10 @@ std::string runDirectory() {
   if (!chosen.empty()) return publicFolder(chosen);
   if (geteuid() == 0 || access(kSystemFolder, W_OK) == 0) return publicFolder(kSystemFolder);
   const std::string session = environmentOr("XDG_RUNTIME_DIR", "");
-  return !session.empty() ? session : privateFolder("/tmp/quillspeak-" + std::to_string(geteuid()));
+  // The variable may be that of another session, whose folder is gone.
+  std::error_code ignored;
+  if (std::filesystem::is_directory(session, ignored)) return session;
+  return privateFolder("/tmp/quillspeak-" + std::to_string(geteuid()));
 }
 
 std::string privateFolder(const std::string& folder) {
