@@ -24,29 +24,6 @@ constexpr std::size_t kMostAheadFrames = 5760;
 constexpr milliseconds kStallLimit{800};
 constexpr milliseconds kShortestSleep{1};
 
-template <typename T, void (*release)(T*)>
-struct Release {
-  void operator()(T* parameters) const { release(parameters); }
-};
-using HardwareParameters =
-    std::unique_ptr<snd_pcm_hw_params_t, Release<snd_pcm_hw_params_t, snd_pcm_hw_params_free>>;
-using SoftwareParameters =
-    std::unique_ptr<snd_pcm_sw_params_t, Release<snd_pcm_sw_params_t, snd_pcm_sw_params_free>>;
-
-/// The first failure of a series of steps, each made only where those before it succeeded.
-class Steps {
- public:
-  template <typename Step>
-  Steps& then(Step step) {
-    if (result >= 0) result = step();
-    return *this;
-  }
-  int status() const { return std::min(result, 0); }
-
- private:
-  int result = 0;
-};
-
 }  // namespace
 
 AlsaOutput::AlsaOutput(std::string pcmName) : name(std::move(pcmName)) {}
@@ -85,54 +62,41 @@ int AlsaOutput::openPcm(const std::string& pcmName) {
 }
 
 int AlsaOutput::configure() {
-  return Steps()
-      .then([this] { return configureHardware(); })
-      .then([this] { return configureStart(); })
-      .status();
+  const int status = configureHardware();
+  return status < 0 ? status : configureStart();
 }
 
 int AlsaOutput::configureHardware() {
-  snd_pcm_hw_params_t* allocated = nullptr;
-  if (const int status = snd_pcm_hw_params_malloc(&allocated); status < 0) return status;
-  const HardwareParameters owner(allocated);
-  snd_pcm_t* p = pcm.get();
+  snd_pcm_hw_params_t* wanted = nullptr;
+  snd_pcm_hw_params_alloca(&wanted);
+  snd_pcm_t* const p = pcm.get();
   snd_pcm_uframes_t period = kPeriodFrames;
   snd_pcm_uframes_t buffer = kBufferFrames;
-  const int status =
-      Steps()
-          .then([&] { return snd_pcm_hw_params_any(p, allocated); })
-          .then([&] {
-            return snd_pcm_hw_params_set_access(p, allocated, SND_PCM_ACCESS_RW_INTERLEAVED);
-          })
-          .then([&] { return snd_pcm_hw_params_set_format(p, allocated, SND_PCM_FORMAT_S16); })
-          .then([&] { return snd_pcm_hw_params_set_channels(p, allocated, 1); })
-          .then([&] { return snd_pcm_hw_params_set_rate(p, allocated, kFramesPerSecond, 0); })
-          .then([&] {
-            return snd_pcm_hw_params_set_period_size_near(p, allocated, &period, nullptr);
-          })
-          .then([&] { return snd_pcm_hw_params_set_buffer_size_near(p, allocated, &buffer); })
-          .then([&] { return snd_pcm_hw_params(p, allocated); })
-          .then([&] { return snd_pcm_get_params(p, &buffer, &period); })
-          .status();
+  int status = snd_pcm_hw_params_any(p, wanted);
+  if (status >= 0) status = snd_pcm_hw_params_set_access(p, wanted, SND_PCM_ACCESS_RW_INTERLEAVED);
+  if (status >= 0) status = snd_pcm_hw_params_set_format(p, wanted, SND_PCM_FORMAT_S16);
+  if (status >= 0) status = snd_pcm_hw_params_set_channels(p, wanted, 1);
+  if (status >= 0) status = snd_pcm_hw_params_set_rate(p, wanted, kFramesPerSecond, 0);
+  if (status >= 0) status = snd_pcm_hw_params_set_period_size_near(p, wanted, &period, nullptr);
+  if (status >= 0) status = snd_pcm_hw_params_set_buffer_size_near(p, wanted, &buffer);
+  if (status >= 0) status = snd_pcm_hw_params(p, wanted);
+  if (status >= 0) status = snd_pcm_get_params(p, &buffer, &period);
   bufferFrames = buffer;
   // A device with periods above 10 ms starves on less than two of them.
   depthFrames = std::min<std::size_t>(std::max<std::size_t>(kDepthFrames, 2 * period), buffer);
-  return status;
+  return std::min(status, 0);
 }
 
 int AlsaOutput::configureStart() {
-  snd_pcm_sw_params_t* allocated = nullptr;
-  if (const int status = snd_pcm_sw_params_malloc(&allocated); status < 0) return status;
-  const SoftwareParameters owner(allocated);
-  snd_pcm_t* p = pcm.get();
+  snd_pcm_sw_params_t* wanted = nullptr;
+  snd_pcm_sw_params_alloca(&wanted);
   // No more than half the depth: a caller that has to wait for room must wait for a device that
   // runs.
   const snd_pcm_uframes_t startAt = std::min<std::size_t>(kStepFrames, depthFrames / 2);
-  return Steps()
-      .then([&] { return snd_pcm_sw_params_current(p, allocated); })
-      .then([&] { return snd_pcm_sw_params_set_start_threshold(p, allocated, startAt); })
-      .then([&] { return snd_pcm_sw_params(p, allocated); })
-      .status();
+  int status = snd_pcm_sw_params_current(pcm.get(), wanted);
+  if (status >= 0) status = snd_pcm_sw_params_set_start_threshold(pcm.get(), wanted, startAt);
+  if (status >= 0) status = snd_pcm_sw_params(pcm.get(), wanted);
+  return std::min(status, 0);
 }
 
 int AlsaOutput::write(const std::int16_t* samples, std::size_t frames) {

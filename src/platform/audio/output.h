@@ -14,15 +14,16 @@ inline constexpr std::size_t kDepthFrames = 960;
 /// The most that is handed to an output at a time: 10 ms.
 inline constexpr std::size_t kStepFrames = 480;
 
-/// How long `frames` sound.
+/// How long `frames` (up to some hours' worth) sound.
 constexpr std::chrono::nanoseconds durationOf(std::int64_t frames) {
   return std::chrono::nanoseconds(frames * 1'000'000'000 / kFramesPerSecond);
 }
 
 /// A place that sound goes to, one stream at a time: open, write as often as wanted, close, and so
-/// on. One thread at a time calls it (`Line` sees to that). No call blocks for more than about a
-/// second, except that `write` takes the time of its sound. Failures are negative errno values;
-/// who calls decides what is logged.
+/// on. One thread at a time calls it (`Line` sees to that). A device may keep any call for as long
+/// as it likes; what can do so is put behind `GuardedOutput`, where no call takes more than about a
+/// second beyond the time of its sound. Failures are negative errno values; who calls decides what
+/// is logged.
 class Output {
  public:
   virtual ~Output() = default;
@@ -31,8 +32,9 @@ class Output {
   virtual int open(std::string& why) = 0;
 
   /// Plays `frames` (1 to kStepFrames) samples after those before. Blocks until at most
-  /// kDepthFrames wait in the device, these included. A caller that was away for longer than that
-  /// goes on as if the stream began anew. After a failure only `close` may follow.
+  /// kDepthFrames wait in the device, these included; a device with periods above 10 ms needs two
+  /// of them. A caller that was away for longer than that goes on as if the stream began anew.
+  /// After a failure only `close` may follow.
   virtual int write(const std::int16_t* samples, std::size_t frames) = 0;
 
   /// Ends the stream when all of it was heard, after a failed write at once. Whatever it returns,
