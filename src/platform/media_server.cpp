@@ -26,9 +26,6 @@ using platform::audio::TonePlayer;
 
 constexpr int kSpeechStream = 2;
 constexpr unsigned int kBytesPerFrame = 2;
-// A caller that fails to start a tone leaves its session open; past this many the oldest silent one
-// goes.
-constexpr std::size_t kMostToneSessions = 16;
 
 /// The state behind the functions. Its lock is never held while sound is played, opened or closed.
 class MediaServer {
@@ -51,7 +48,6 @@ class MediaServer {
   using Tones = std::map<int, std::unique_ptr<TonePlayer>>;
 
   void makeLine(const std::string& value) REQUIRES(mutex);
-  void forgetOldTone() REQUIRES(mutex);
   int keepTone(int session, std::unique_ptr<TonePlayer>& player);
   std::unique_ptr<TonePlayer> takePlayer(int session);
 
@@ -114,17 +110,10 @@ int MediaServer::openSpeech() {
 
 int MediaServer::createTone() {
   const MutexLock lock(mutex);
-  if (tones.size() >= kMostToneSessions) forgetOldTone();
   const int session = nextTone;
   nextTone = nextTone == std::numeric_limits<int>::max() ? 0 : nextTone + 1;
   tones.try_emplace(session);
   return session;
-}
-
-void MediaServer::forgetOldTone() {
-  const auto silent = std::find_if(tones.begin(), tones.end(),
-                                   [](const auto& tone) { return tone.second == nullptr; });
-  if (silent != tones.end()) tones.erase(silent);
 }
 
 bool MediaServer::hasTone(int session) {

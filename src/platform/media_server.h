@@ -1,23 +1,27 @@
 #pragma once
 
 // The media server's client library. Any thread may call any of these; none blocks for more than
-// about a second, whatever the device does. Negative results are failures.
+// about a second beyond the time of its sound, whatever the device does. 0 is success and a
+// negative errno value failure, where nothing else is said. A stream's handle is above 0, a
+// tone's session 0 or above; neither is used twice in a run.
 
 /// Connects to the media server. Never fails and never waits for a device here.
 int ms_start();
+/// Ends all tones, and the stream when what waits of it was heard.
 int ms_stop();
 
 /// Opens a playback stream: a handle, or 0 where none could be opened (or a tone is playing).
 /// `stream` is 2: signed 16-bit mono samples in native byte order, 48,000 a second.
 int ms_openAudPlayback(int stream);
 /// Plays `bytes` bytes, in order. Blocks while more than the fixed depth waits in the device: this
-/// is the clock of whoever plays. Returns the bytes taken, or a negative status on a dead stream.
+/// is the clock of whoever plays. Returns the bytes taken, or a negative value on a dead stream.
 int ms_sendDataToAudPlayback(int handle, const void* data, unsigned int bytes);
 /// Lets what waits be heard to its end, then ends the stream.
 int ms_closeAudPlayback(int handle);
 int ms_setOutputAudioPath(int device, int path);
 
-/// Tones exclude a playback stream, and the reverse. `ms_startTone` takes 0 to 34.
+/// Tones exclude a playback stream, and the reverse. `ms_startTone` takes 0 to 34; the tone sounds
+/// until its session is stopped or closed. A session that is left open stays.
 int ms_createToneSession(int kind);
 int ms_realizeSession(int session);
 int ms_allocateSession(int session);

@@ -282,14 +282,4 @@ TEST_F(MediaServerTest, RefusesUnknownTonesAndSessions) {
   }
 }
 
-TEST_F(MediaServerTest, ForgetsOldToneSessionsThatNobodyClosed) {
-  const int sounding = ms_createToneSession(0);
-  ASSERT_EQ(ms_startTone(sounding, 1, 1), 0);
-  const int first = ms_createToneSession(0);
-  for (int i = 0; i < 20; ++i)
-    EXPECT_GE(ms_createToneSession(0), 0);
-  EXPECT_LT(ms_realizeSession(first), 0);
-  EXPECT_EQ(ms_realizeSession(sounding), 0);
-}
-
 }  // namespace
