@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <exception>
 #include <new>
@@ -148,8 +149,9 @@ void QuillspeakDBusImpl::SetVolume(const std::int32_t& volume) {
 
 std::int32_t QuillspeakDBusImpl::DoTTSFetchInFile(const std::string& textToConvert,
                                                   const std::string& filePath) {
+  // Of a path longer than any that can be opened, too much to log, the beginning fails as well.
   // Leaves by an exception of the library's own.
-  return_later(startConversion(textToConvert, filePath));
+  return_later(startConversion(textToConvert, filePath.substr(0, PATH_MAX)));
   return 0;
 }
 
