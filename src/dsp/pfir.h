@@ -66,8 +66,9 @@ struct pfir_dnFilterState {
 const pfir_filterConfig* pfir_getUpFilterConfig(int factor);
 const pfir_filterConfig* pfir_getDnFilterConfig(int factor);
 
-/// Starts a signal from silence. 1: null argument, or no memory; 2: `taps` not a positive multiple
-/// of 4, or a factor below 1. A state that was refused holds no memory.
+/// Starts a signal from silence in a state that is new or released; a live one would lose its
+/// memory. 1: null argument, or no memory; 2: `taps` not a positive multiple of 4, or a factor
+/// below 1. A state that was refused holds no memory.
 int pfir_initUpFilter(pfir_upFilterState* state, const pfir_filterConfig* config);
 /// 1: null argument, or no memory; 2: a factor below 1, or `taps` not a positive multiple of it.
 int pfir_initDnFilter(pfir_dnFilterState* state, const pfir_filterConfig* config);
@@ -85,8 +86,9 @@ int pfir_releaseDnFilter(pfir_dnFilterState* state);
 /// 2: more than 48 taps. Nothing changes on failure.
 int pfir_upFilter(pfir_upFilterState* state, const std::int16_t* in, std::int16_t* out, int nIn,
                   std::uint16_t* outCount);
-/// Decimates a block; blocks of any allowed length continue one even grid. Writes one sample for
-/// each of `phase`, `phase` + `factor`, ... below `nIn`. 1: null argument, a released state, or a
-/// block outside `taps` to 32,767; 2: `phase` outside 0 to `factor`. Nothing changes on failure.
+/// Decimates a block (`out` lies apart from `in`); blocks of any allowed length continue one even
+/// grid. Writes one sample for each of `phase`, `phase` + `factor`, ... below `nIn`. 1: null
+/// argument, a released state, or a block outside `taps` to 32,767; 2: `phase` outside 0 to
+/// `factor`. Nothing changes on failure.
 int pfir_dnFilter(pfir_dnFilterState* state, const std::int16_t* in, std::int16_t* out, int nIn,
                   std::uint16_t* outCount);

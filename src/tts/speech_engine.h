@@ -16,9 +16,10 @@ namespace qs_ns {
 struct QS_StreamUserData {
   /// Whom the samples are for; each callback knows its kind.
   void* owner = nullptr;
-  /// Speed level asked for: 0 none, 1 (slow) to 5 (fast), anything else the default.
+  /// Speed level asked for, 1 (slow) to 5 (fast). 0 asks for the configured one, with the fast
+  /// voice for 2; whatever is out of range stands for 3.
   std::int32_t speed = 0;
-  /// 0 the default voice, 1 the fast one.
+  /// 0 the configured voice, 1 the fast one.
   std::int32_t voice = 0;
   /// Asked before the first and between the pieces of a text, with no lock held; may block. A
   /// non-zero result ends the text with an empty wave. May be null.
@@ -30,7 +31,8 @@ struct QS_StreamUserData {
 
 /// The engine's chunk callback, as Flite defines it: the wave under construction, the index of the
 /// first new sample in it, how many are new, non-zero on the last call for the text, and the record
-/// whose `userdata` is the caller's `QS_StreamUserData`. Runs on the caller's thread with
+/// whose `userdata` is the caller's `QS_StreamUserData`. Samples beyond the new ones are not there
+/// yet, and the wave's `num_samples` may count up to 80 too many. Runs on the caller's thread with
 /// `voiceMutex` held and must not call the engine. 0 goes on, -1 abandons the text.
 using StreamCallback = int (*)(const cst_wave* wave, int start, int size, int last,
                                cst_audio_streaming_info* info);
@@ -40,10 +42,13 @@ using StreamCallback = int (*)(const cst_wave* wave, int start, int size, int la
 extern platform::Mutex voiceMutex;
 
 /// Initialises Flite, registers the voice and loads the lexicon addenda. Takes `voiceMutex`, so it
-/// may wait for one piece of a synthesis. Main thread.
+/// may wait for one piece of a synthesis. Main thread, once for each cycle of the service. What
+/// fails is logged; without a voice nothing is synthesised from then on.
 void qs_flite_init();
 
-/// Chooses the voice for a request (0 default, 1 fast). Null only where none could be registered.
+/// Chooses the voice for a request: 0 the one that the property names, or, once a file was
+/// synthesised, the one of that file; 1 the fast one, which falls back to the property's. Null only
+/// where none could be registered. Any thread; reads the property store.
 cst_voice* qs_fetch_voice(int requestedVoice);
 
 /// The speed level, 1 to 5, for a request; null asks for the configured one. Any thread; reads the
@@ -55,17 +60,20 @@ int qs_fetch_speed(const QS_StreamUserData* userData);
 
 /// Synthesises `text` into a RIFF WAVE file at `path` (not followed if a symbolic link, and only a
 /// regular file is written; empty writes none). Blocks for the whole synthesis; any thread.
-/// `stop`, where given, ends it at the next chunk: nothing is written then and the result is -2.
+/// `stop`, where given, ends it at the next chunk: nothing is written then and the result is -2; it
+/// does not end a wait for the voice (one piece of another text), and comes too late once all is
+/// synthesised. `reserved` is not used.
 /// 0 done, also where the file could not be written (which is logged) or there is no voice; -2
 /// where Flite produced no wave.
 int qs_flite_tts_file(const std::string& text, const std::string& path, int reserved,
                       const std::atomic<bool>* stop = nullptr);
 
-/// Synthesises `text` and hands its samples to `callback` (may be null) as they are produced;
-/// blocks until all are. Any thread. A text of several pieces reaches the callback as one growing
-/// wave. Returns the whole wave where `wantWave`, with 0 samples where the text was ended by a hook
-/// or by the callback (but for its last call, after which nothing is left to end); null without
-/// `wantWave`, without a voice, or where Flite failed.
+/// Synthesises `text` (not null) and hands its samples to `callback` (may be null) as they are
+/// produced; blocks until all are, for the voice while another text has it, and in the hooks. Any
+/// thread. A text of several pieces reaches the callback as one growing wave. Returns the whole
+/// wave where `wantWave`, with 0 samples where the text was ended by a hook or by the callback (but
+/// for its last call, after which nothing is left to end); null without `wantWave`, without a
+/// voice, or where Flite failed.
 Wave qs_flite_tts_stream(const char* text, StreamCallback callback, QS_StreamUserData* userData,
                          bool wantWave);
 

@@ -15,9 +15,9 @@ inline constexpr std::size_t kMaxPieceWeight = 200;
 /// which the voice is silent; 6 for a digit or any other character, also for what is not UTF-8 and
 /// becomes U+FFFD; 4 for each letter of a token (what blanks enclose) without a vowel, y included,
 /// since the voice spells it. At stretch 1.0 a weight of 200 is 11 s of prose, at most 18 s of
-/// digits, symbols or spelled letters, 35 s where a comma follows every short word, and 67 s at
-/// worst. Never less than the text's bytes, which settles it for one of megabytes. Linear in the
-/// text's length; any thread.
+/// digits, symbols or spelled letters, 35 s where a comma follows every short word, and 70 s at
+/// worst (199 w and an a). Never less than the text's bytes, which settles it for one of megabytes.
+/// Linear in the text's length; any thread.
 std::size_t textWeight(std::string_view text);
 
 /// Cuts `text` into pieces of at most `maxWeight` (6 or more), in order: at sentence ends, else at
