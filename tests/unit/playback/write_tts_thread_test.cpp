@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <numeric>
 #include <string>
 
@@ -12,6 +11,7 @@
 #include "dsp/pfir.h"
 #include "support/fake_clock.h"
 #include "support/fakes.h"
+#include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
 
 namespace {
@@ -29,8 +29,8 @@ constexpr std::int16_t kShowsGain = 1024;
 
 class Writer : public testing::Test {
  protected:
-  explicit Writer(std::int32_t flags = 0) : request(test::makeRequest({"text"}, flags, kAlert)) {}
-  ~Writer() override { std::filesystem::remove(kAlert); }
+  explicit Writer(std::int32_t flags = 0)
+      : request(test::makeRequest({"text"}, flags, alert.c_str())) {}
 
   void SetUp() override { test::clearLog(); }
 
@@ -55,8 +55,8 @@ class Writer : public testing::Test {
     writer.stop();
   }
 
-  static constexpr char kAlert[] = "writer_test_alert.raw";
-
+  test::ScratchFolder folder;
+  const std::string alert = folder / "alert.raw";
   test::FakeController controller;
   qs_ns::SampleQueue queue;
   std::unique_ptr<qs_ns::QS_PlayRequest> request;
@@ -165,9 +165,9 @@ class AlertWriter : public Writer {
  protected:
   AlertWriter() : Writer(qs_ns::kPlayAlertAfterTexts) {}
 
-  static void writeAlert(std::size_t samples) {
+  void writeAlert(std::size_t samples) {
     const Samples sound(samples, kShowsGain);
-    std::FILE* file = std::fopen(kAlert, "wb");
+    std::FILE* file = std::fopen(alert.c_str(), "wb");
     std::fwrite(sound.data(), 2, sound.size(), file);
     std::fclose(file);
   }
@@ -193,7 +193,7 @@ TEST_F(AlertWriter, SeesTheEndOfAFileOfWholeFramesOneFrameLate) {
 }
 
 TEST_F(AlertWriter, GoesOnWithoutAFileThatCannotBePlayed) {
-  ASSERT_EQ(mkfifo(kAlert, 0600), 0) << "a pipe without a writer blocks whoever opens it";
+  ASSERT_EQ(mkfifo(alert.c_str(), 0600), 0) << "a pipe without a writer blocks whoever opens it";
   runToEnd();
   EXPECT_TRUE(controller.media.frames().empty());
   EXPECT_EQ(controller.reported.value(), 1);
