@@ -1,5 +1,8 @@
 #include <algorithm>
 #include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -23,7 +26,10 @@ TEST_F(Latency, CallsAreAnsweredWhileTheLargestTextsAreSynthesised) {
   client->fetchLater(file, folder / "long.wav");
   const std::uint64_t handle = client->play({heavy}, 2).value;
   std::vector<std::chrono::microseconds> times;
-  for (int i = 0; i < 200; ++i) {
+  for (int i = 0; i < 300; ++i) {
+    // A steady 200 calls a second: a client that floods competes with the daemon for the processor,
+    // and the figure is then the scheduler's.
+    std::this_thread::sleep_for(5ms);
     const auto asked = std::chrono::steady_clock::now();
     switch (i % 4) {
       case 0:
@@ -42,10 +48,10 @@ TEST_F(Latency, CallsAreAnsweredWhileTheLargestTextsAreSynthesised) {
         std::chrono::steady_clock::now() - asked));
   }
   std::sort(times.begin(), times.end());
-  RecordProperty("p99_us", static_cast<int>(times[197].count()));
+  RecordProperty("p99_us", static_cast<int>(times[296].count()));
   RecordProperty("worst_us", static_cast<int>(times.back().count()));
   EXPECT_LE(times.back(), test::kSlowBuild ? 100ms : 50ms);
-  EXPECT_LE(times[197], test::kSlowBuild ? 10ms : 5ms);
+  EXPECT_LE(times[296], test::kSlowBuild ? 10ms : 5ms);
   client->stop(handle);
   EXPECT_EQ(client->awaitResult(handle)->resultCode, 1U);
 }
