@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "dsp/pfir.h"
-#include "unit/dsp/pfir_literal.h"
+#include "support/pfir_literal.h"
 
 namespace {
 
@@ -42,30 +42,20 @@ Samples runInBlocks(Filter& filter, const Samples& signal, const std::vector<int
   return out;
 }
 
+/// Compares with the whole signal's output, for each way to cut the signal into blocks.
 template <class Filter>
 void expectExact(const pfir_filterConfig* table, const Samples& expected, const Samples& signal,
-                 const std::vector<int>& lengths) {
-  Filter filter(table);
-  EXPECT_EQ(runInBlocks(filter, signal, lengths, expected.size()), expected);
+                 const std::vector<std::vector<int>>& splits) {
+  for (const auto& lengths : splits) {
+    Filter filter(table);
+    EXPECT_EQ(runInBlocks(filter, signal, lengths, expected.size()), expected)
+        << "factor " << table->factor << ", blocks from " << lengths[0];
+  }
 }
 
 void expectUp(const pfir_filterConfig* table, const Samples& signal,
-              const std::vector<int>& lengths) {
-  expectExact<test::UpFilter>(table, test::literalUp(table, signal), signal, lengths);
-}
-
-void expectDn(const pfir_filterConfig* table, const Samples& signal,
-              const std::vector<int>& lengths) {
-  expectExact<test::DnFilter>(table, test::literalDn(table, signal), signal, lengths);
-}
-
-Samples noise(std::size_t length, int peak, unsigned seed) {
-  std::mt19937 random(seed);
-  std::uniform_int_distribution<int> level(-peak, std::min(peak, 32767));
-  Samples signal(length);
-  for (auto& sample : signal)
-    sample = static_cast<std::int16_t>(level(random));
-  return signal;
+              const std::vector<std::vector<int>>& splits) {
+  expectExact<test::UpFilter>(table, test::literalUp(table, signal), signal, splits);
 }
 
 std::int16_t withSignOf(int sign, int peak) {
@@ -91,24 +81,16 @@ Samples adversary(const pfir_filterConfig* table, int phases, int peak, int wind
   return signal;
 }
 
-TEST(Interpolation, IsExactInBlocksOfAnyLength) {
-  const std::vector<std::vector<int>> splits = {
-      {48}, {49}, {50}, {94, 95, 96, 97}, {160}, {1000}, {48, 333, 51, 160, 49}};
-  const Samples signal = noise(1500, 12000, 1);
-  for (const int factor : kFactors)
-    for (const auto& lengths : splits)
-      expectUp(pfir_getUpFilterConfig(factor), signal, lengths);
-}
-
-TEST(Interpolation, IsExactAtEveryLoudness) {
+TEST(Interpolation, IsExactAtEveryLoudnessInBlocksOfAnyLength) {
   for (const int factor : kFactors) {
     const auto* table = pfir_getUpFilterConfig(factor);
-    const auto state = test::UpFilter(table).state;
-    for (const int peak : {1, 1000, state.halfSumPeak, state.halfSumPeak + 1, state.lanePeak,
-                           state.lanePeak + 1, 32767, 32768}) {
-      SCOPED_TRACE(testing::Message() << "factor " << factor << ", peak " << peak);
-      expectUp(table, noise(400, peak, 2), {160, 48});
-      expectUp(table, adversary(table, factor, peak, 150), {160, 48, 4000});
+    const test::UpFilter filter(table);
+    const int half = filter.state.halfSumPeak;
+    const int lane = filter.state.lanePeak;
+    for (const int peak : {1, 1000, half, half + 1, lane, lane + 1, 32767, 32768}) {
+      SCOPED_TRACE(peak);
+      expectUp(table, adversary(table, factor, peak, 150),
+               {{48}, {49}, {94, 95, 96, 97}, {160, 48, 4000}});
     }
   }
 }
@@ -123,98 +105,28 @@ TEST(Interpolation, IsExactWhereLoudAndQuietBlocksMeet) {
     signal.insert(signal.end(), window, window + 47);
     signal.resize(signal.size() + 160, -10);
   }
-  expectUp(table, signal, {160});
+  expectUp(table, signal, {{160}});
 }
 
-TEST(Interpolation, KnowsHowLoudASignalMayBeForPlainSums) {
-  test::UpFilter filter(pfir_getUpFilterConfig(3));
-  EXPECT_EQ(filter.state.halfSumPeak, 24282);
-  EXPECT_EQ(filter.state.lanePeak, 30556);
+TEST(Interpolation, TakesTheLongestBlock) {
+  constexpr int kLongest = 65535 / 3;
+  const auto* table = pfir_getUpFilterConfig(3);
+  Samples signal = adversary(table, 3, 20000, kLongest / 48 + 1);
+  signal.resize(kLongest);
+  expectUp(table, signal, {{kLongest}});
 }
 
-TEST(Interpolation, TakesTheLongestBlocks) {
-  expectUp(pfir_getUpFilterConfig(2), noise(32767, 32768, 3), {32767});
-  expectUp(pfir_getUpFilterConfig(3), noise(21845, 20000, 4), {21845});
-}
-
-TEST(Interpolation, SettlesOnAConstantToTheSumsOfItsPhases) {
-  const struct {
-    std::int16_t level;
-    Samples settled;
-  } rows[] = {{16384, {16371, 16358, 16371}}, {-32768, {-32743, -32716, -32743}}};
-  for (const auto& row : rows) {
-    test::UpFilter filter(pfir_getUpFilterConfig(3));
-    const Samples out = runInBlocks(filter, Samples(160, row.level), {160}, 480);
-    for (std::size_t i = 48 * 3; i < out.size(); ++i)
-      EXPECT_EQ(out[i], row.settled[i % 3]) << i;
-  }
-}
-
-TEST(Interpolation, SaturatesInsteadOfWrapping) {
-  const auto* coef = pfir_3xIntCoef.coef;
-  Samples signal;
-  for (int k = 0; k < 48; ++k)
-    signal.push_back(withSignOf(coef[k], 32768));
-  test::UpFilter filter(pfir_getUpFilterConfig(3));
-  const Samples out = runInBlocks(filter, signal, {48}, 144);
-  EXPECT_EQ(out[141], 32767);
-  EXPECT_EQ(out[142], 32767);
-}
-
-TEST(Interpolation, NeedsNoPlaceForItsCount) {
-  const Samples signal = noise(160, 32768, 5);
-  test::UpFilter filter(pfir_getUpFilterConfig(3));
-  Samples out(480);
-  EXPECT_EQ(pfir_upFilter(&filter.state, signal.data(), out.data(), 160, nullptr), 0);
-  EXPECT_EQ(out, test::literalUp(pfir_getUpFilterConfig(3), signal));
-}
-
-// Tables of one's own are welcome; this one saturates the doubled product itself.
-TEST(Interpolation, IsExactWithTheLowestCoefficient) {
-  pfir_filterTable<8> table{{2, 4, {}}, {-32768, 1, -1, 2, 32767, -32768, -32768, -32768}};
-  Samples signal(64, -32768);
-  signal[20] = 32767;
-  expectUp(&table.header, signal, {5, 4, 7});
-}
-
-TEST(Decimation, KeepsOneEvenGridOverBlocksOfAnyLength) {
+TEST(Decimation, KeepsOneEvenGridAtEveryLoudnessInBlocksOfAnyLength) {
   for (const int factor : kFactors) {
     const auto* table = pfir_getDnFilterConfig(factor);
     const int taps = table->taps;
-    const std::vector<std::vector<int>> splits = {
-        {taps}, {taps + 1}, {taps + 5, taps}, {2 * taps - 1}, {taps + 160}, {300, 311, 323, 2000}};
-    for (const auto& lengths : splits) {
-      SCOPED_TRACE(testing::Message() << "factor " << factor << ", first " << lengths[0]);
-      expectDn(table, noise(3001, 12000, 6), lengths);
+    const int half = test::DnFilter(table).state.halfSumPeak;
+    for (const int peak : {1000, half, half + 1, 32768}) {
+      SCOPED_TRACE(peak);
+      const Samples signal = adversary(table, 1, peak, 40);
+      expectExact<test::DnFilter>(table, test::literalDn(table, signal), signal,
+                                  {{taps}, {taps + 1}, {taps + 5, 2 * taps - 1, 2000}});
     }
-  }
-}
-
-TEST(Decimation, IsExactAtEveryLoudness) {
-  for (const int factor : kFactors) {
-    const auto* table = pfir_getDnFilterConfig(factor);
-    const auto limit = test::DnFilter(table).state.halfSumPeak;
-    for (const int peak : {1000, limit, limit + 1, 32768})
-      expectDn(table, adversary(table, 1, peak, 40), {table->taps + 1, 400});
-  }
-}
-
-TEST(Decimation, TakesTheLongestBlock) {
-  expectDn(pfir_getDnFilterConfig(3), noise(32767, 32768, 8), {32767});
-}
-
-TEST(Decimation, CarriesThePhaseOfItsGrid) {
-  const struct {
-    int factor, length, outputs, phase;
-  } rows[] = {{2, 160, 80, 0}, {2, 161, 81, 1}, {3, 160, 54, 2}, {3, 161, 54, 1}, {6, 301, 51, 5}};
-  for (const auto& row : rows) {
-    test::DnFilter filter(pfir_getDnFilterConfig(row.factor));
-    Samples out(100);
-    std::uint16_t count = 0;
-    const Samples in(static_cast<std::size_t>(row.length));
-    EXPECT_EQ(pfir_dnFilter(&filter.state, in.data(), out.data(), row.length, &count), 0);
-    EXPECT_EQ(count, row.outputs);
-    EXPECT_EQ(filter.state.phase, row.phase) << row.factor << " " << row.length;
   }
 }
 

@@ -56,31 +56,30 @@ class MediaInterfaceTest : public testing::Test {
   std::unique_ptr<qs_ns::QS_MediaInterface> media = std::make_unique<qs_ns::QS_MediaInterface>();
 };
 
-TEST_F(MediaInterfaceTest, ConnectsAndDisconnects) {
-  EXPECT_EQ(media->getMsAudPlaybackSession(), 0);
+TEST_F(MediaInterfaceTest, ConnectsAfreshOrKeepsWhatItHas) {
   EXPECT_EQ(media->getVolume(), 512);
-  media->setVolume(5);
-  server.results = {{"start", 7}, {"stop", -3}};
-  EXPECT_TRUE(media->initializeMSInterface());
-  EXPECT_EQ(media->getVolume(), 512);
-  EXPECT_EQ(media->cleanupMSInterface(), -3);
-  EXPECT_EQ(server.takeCalls(), Calls({"start", "stop"}));
-  media.reset();
-  EXPECT_EQ(server.takeCalls(), Calls({"stop"}));
-}
-
-TEST_F(MediaInterfaceTest, KeepsWhatItHasWhereItCannotConnect) {
   open(4);
   media->setVolume(5);
-  server.results["start"] = -1;
+  server.results = {{"start", -1}, {"stop", -3}};
   EXPECT_FALSE(media->initializeMSInterface());
   EXPECT_EQ(test::countLog("Error while initializing MS interface", LOG_ERR), 1);
   EXPECT_EQ(media->getVolume(), 1124);
   EXPECT_EQ(media->getMsAudPlaybackSession(), 4);
+
+  server.results["start"] = 7;
+  EXPECT_TRUE(media->initializeMSInterface());
+  EXPECT_EQ(media->getVolume(), 512);
+  EXPECT_EQ(media->getMsAudPlaybackSession(), 0);
+  EXPECT_EQ(media->cleanupMSInterface(), -3);
+  media.reset();
+  EXPECT_EQ(server.calls, Calls({"start", "start", "stop", "stop"}));
 }
 
 TEST_F(MediaInterfaceTest, HasOneSessionAtATime) {
   EXPECT_EQ(media->setPathMsAudPlaybackSession(), 0);
+  EXPECT_EQ(media->startMsAudPlaybackSession(), -5) << "the server opened none";
+  EXPECT_EQ(media->getMsAudPlaybackSession(), 0);
+  EXPECT_EQ(test::countLog("Error in starting audio playback session", LOG_ERR), 1);
   server.results = {{"open", 9}, {"close", -1}};
   EXPECT_EQ(media->startMsAudPlaybackSession(), 0);
   EXPECT_EQ(media->startMsAudPlaybackSession(), 0);
@@ -91,32 +90,20 @@ TEST_F(MediaInterfaceTest, HasOneSessionAtATime) {
   EXPECT_EQ(media->getMsAudPlaybackSession(), 0);
   EXPECT_EQ(media->stopMsAudPlaybackSession(), 0);
   EXPECT_EQ(clock.now() - before, 20ms) << "there was nothing to close";
-  EXPECT_EQ(server.takeCalls(), Calls({"path 7 10", "open 2", "close 9"}));
+  EXPECT_EQ(server.takeCalls(), Calls({"path 7 10", "open 2", "open 2", "close 9"}));
   EXPECT_EQ(test::countLog("audio playback session started successfully", LOG_DEBUG), 1);
   EXPECT_EQ(test::countLog("audio playback session stopped successfully", LOG_DEBUG), 1);
 }
 
-TEST_F(MediaInterfaceTest, ReportsASessionThatDoesNotOpen) {
-  EXPECT_EQ(media->startMsAudPlaybackSession(), -5);
-  EXPECT_EQ(media->getMsAudPlaybackSession(), 0);
-  EXPECT_EQ(test::countLog("Error in starting audio playback session", LOG_ERR), 1);
-  open(3);
-}
-
-TEST_F(MediaInterfaceTest, HandsDataToTheSessionWhetherOrNotOneIsOpen) {
-  const char data[960] = {};
+TEST_F(MediaInterfaceTest, HandsOnDataAndLogsOnceForEachSessionThatDies) {
   server.results["send"] = -9;
-  EXPECT_EQ(media->playDataMsAudPlaybackSession(data, 2), -9);
+  EXPECT_EQ(media->playDataMsAudPlaybackSession("", 1), -9);
   EXPECT_EQ(test::logLines().size(), 0U) << "no session was lost";
-  open(3);
-  server.results["send"] = 960;
-  EXPECT_EQ(media->playDataMsAudPlaybackSession(data, 960), 960);
-  EXPECT_EQ(server.takeCalls(), Calls({"send 3 960"}));
-}
-
-TEST_F(MediaInterfaceTest, LogsOnceForEachSessionThatDiesUnderIt) {
   for (int session = 1; session <= 2; ++session) {
     open(session);
+    server.results["send"] = 960;
+    EXPECT_EQ(media->playDataMsAudPlaybackSession("", 960), 960);
+    EXPECT_EQ(server.calls, Calls({"send " + std::to_string(session) + " 960"}));
     server.results["send"] = -5;
     for (int i = 0; i < 3; ++i)
       EXPECT_EQ(media->playDataMsAudPlaybackSession("", 0), -5);
@@ -126,10 +113,8 @@ TEST_F(MediaInterfaceTest, LogsOnceForEachSessionThatDiesUnderIt) {
 }
 
 TEST_F(MediaInterfaceTest, MapsLevelsToGains) {
-  const std::pair<int, int> gains[] = {
-      {0, 302},  {1, 393},     {2, 512},         {3, 665},      {4, 865},       {5, 1124},
-      {8, 2471}, {10, 4176},   {15, 15507},      {17, 26207},   {18, 34069},    {-5, 81},
-      {-100, 0}, {INT_MIN, 0}, {60, 2079621960}, {61, INT_MAX}, {100, INT_MAX}, {INT_MAX, INT_MAX}};
+  const std::pair<int, int> gains[] = {{0, 302},  {2, 512},         {5, 1124},
+                                       {-100, 0}, {60, 2079621960}, {61, INT_MAX}};
   for (const auto& [level, gain] : gains) {
     media->setVolume(level);
     EXPECT_EQ(media->getVolume(), gain) << level;
@@ -149,54 +134,32 @@ TEST_F(MediaInterfaceTest, PlaysTheAlertTone) {
 }
 
 TEST_F(MediaInterfaceTest, EndsAToneAtTheFirstStepThatFails) {
-  struct {
-    const char* step;
-    int result;
-    std::size_t calls;
-  } const cases[] = {
-      {"create", -1, 1}, {"realize", -22, 2}, {"allocate", -22, 3}, {"startTone", -22, 4}};
-  for (const auto& failing : cases) {
-    server.results = {{failing.step, -22}};
-    EXPECT_EQ(media->startMsTone(0), failing.result) << failing.step;
-    EXPECT_EQ(server.takeCalls().size(), failing.calls) << failing.step;
+  const char* const steps[] = {"create", "realize", "allocate", "startTone"};
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    server.results = {{steps[i], -22}};
+    EXPECT_EQ(media->startMsTone(0), i == 0 ? -1 : -22) << steps[i];
+    EXPECT_EQ(server.takeCalls().size(), i + 1) << steps[i];
   }
 }
 
 }  // namespace
 
-int ms_start() {
-  return server.call("start");
-}
-int ms_stop() {
-  return server.call("stop");
-}
-int ms_openAudPlayback(int stream) {
-  return server.call("open", stream);
-}
+// One line each: they only note the call.
+// clang-format off
+int ms_start() { return server.call("start"); }
+int ms_stop() { return server.call("stop"); }
+int ms_openAudPlayback(int stream) { return server.call("open", stream); }
 int ms_sendDataToAudPlayback(int handle, const void*, unsigned int bytes) {
   return server.call("send", handle, bytes);
 }
-int ms_closeAudPlayback(int handle) {
-  return server.call("close", handle);
-}
-int ms_setOutputAudioPath(int device, int path) {
-  return server.call("path", device, path);
-}
-int ms_createToneSession(int kind) {
-  return server.call("create", kind);
-}
-int ms_realizeSession(int session) {
-  return server.call("realize", session);
-}
-int ms_allocateSession(int session) {
-  return server.call("allocate", session);
-}
+int ms_closeAudPlayback(int handle) { return server.call("close", handle); }
+int ms_setOutputAudioPath(int device, int path) { return server.call("path", device, path); }
+int ms_createToneSession(int kind) { return server.call("create", kind); }
+int ms_realizeSession(int session) { return server.call("realize", session); }
+int ms_allocateSession(int session) { return server.call("allocate", session); }
 int ms_startTone(int session, int tone, int mode) {
   return server.call("startTone", session, tone, mode);
 }
-int ms_stopSession(int session) {
-  return server.call("stopTone", session);
-}
-int ms_closeSession(int session) {
-  return server.call("closeTone", session);
-}
+int ms_stopSession(int session) { return server.call("stopTone", session); }
+int ms_closeSession(int session) { return server.call("closeTone", session); }
+// clang-format on

@@ -3,171 +3,97 @@
 #include <syslog.h>
 
 #include <csignal>
-#include <cstdint>
+#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <future>
-#include <sstream>
-#include <utility>
 
 #include <gtest/gtest.h>
 
-#include "engine_fakes.h"
+#include "support/flite_alone.h"
+#include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
 #include "tts/speech_engine.h"
 
 namespace {
 
-using namespace qs_ns;
-namespace fs = std::filesystem;
-using test::Samples;
+using qs_ns::qs_flite_tts_file;
 
+constexpr std::size_t kHeaderBytes = 44;
 const std::string kText = "The door is open.";
 
-std::string contents(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-void write(const fs::path& path, const std::string& text) {
-  std::ofstream(path) << text;
-}
-
-std::string bytes(std::uint32_t number, int count) {
+const std::string kHeavy = [] {
   std::string text;
-  for (; count > 0; --count, number >>= 8)
-    text += static_cast<char>(number & 0xFF);
+  while (text.size() < 1000)
+    text += kText + " ";
   return text;
-}
-
-std::string riffOf(const Samples& samples) {
-  const auto size = static_cast<std::uint32_t>(samples.size() * sizeof(short));
-  std::string file = "RIFF" + bytes(36 + size, 4) + "WAVEfmt " + bytes(16, 4) + bytes(1, 2) +
-                     bytes(1, 2) + bytes(16000, 4) + bytes(32000, 4) + bytes(2, 2) + bytes(16, 2) +
-                     "data" + bytes(size, 4);
-  for (const short sample : samples)
-    file += bytes(static_cast<std::uint16_t>(sample), 2);
-  return file;
-}
+}();
 
 class FileSynthesis : public testing::Test {
  protected:
-  static void SetUpTestSuite() { qs_flite_init(); }
+  static void SetUpTestSuite() { qs_ns::qs_flite_init(); }
 
   void SetUp() override {
-    std::string name = (fs::temp_directory_path() / "file_synthesis_XXXXXX").string();
-    folder = ::mkdtemp(name.data());
-    test::properties() = {};
+    setenv("QUILLSPEAK_PROPERTIES", (folder / "properties").c_str(), 1);
     test::clearLog();
   }
-  void TearDown() override {
-    fs::remove_all(folder);
-    test::noise().left = -1;
-    test::noise().stop = false;
-  }
 
-  int synthesise(const fs::path& path) { return qs_flite_tts_file(kText, path.string(), 0); }
-
-  fs::path folder;
+  test::ScratchFolder folder;
+  const std::string path = folder / "new.wav";
 };
 
-TEST_F(FileSynthesis, WritesTheWaveAsARiffFile) {
-  const fs::path path = folder / "new.wav";
-  EXPECT_EQ(synthesise(path), 0);
-  EXPECT_EQ(contents(path), riffOf(test::fliteAlone(kText)));
-
-  test::properties().integers["device.accessibility.qs_speed"] = 5;
-  write(path, std::string(200000, 'x'));
-  EXPECT_EQ(synthesise(path), 0);
-  EXPECT_EQ(contents(path), riffOf(test::fliteAlone(kText, 0.5F))) << "the old file shows through";
-
-  std::string heavy;
-  for (int i = 0; i < 12; ++i)
-    heavy += kText + " ";
-  const Wave streamed = qs_flite_tts_stream(heavy.c_str(), nullptr, nullptr, true);
-  EXPECT_EQ(qs_flite_tts_file(heavy, path, 0), 0);
-  EXPECT_EQ(contents(path), riffOf(test::samplesOf(streamed.get())));
-  EXPECT_EQ(test::countLog("", LOG_ERR), 0);
-}
-
-TEST_F(FileSynthesis, SynthesisesWithoutWritingWhereThePathIsEmpty) {
-  test::noise().drawn = 0;
-  EXPECT_EQ(synthesise(""), 0);
-  EXPECT_GT(test::noise().drawn, 0);
+TEST_F(FileSynthesis, WritesTheWaveOverWhateverTheFileHeld) {
+  test::writeFile(folder / "properties", "device.accessibility.qs_speed = 5\n");
+  const std::vector<short> wave = test::fliteInPieces(kHeavy, 0.5F);
+  const std::string bytes(reinterpret_cast<const char*>(wave.data()), 2 * wave.size());
+  test::writeFile(path, std::string(kHeaderBytes + bytes.size() + 1000, 'x'));
+  EXPECT_EQ(qs_flite_tts_file(kHeavy, path, 0), 0);
+  const std::string file = test::readFile(path);
+  ASSERT_GT(file.size(), kHeaderBytes);
+  EXPECT_EQ(file[22], 1) << "channels";
+  EXPECT_TRUE(file.substr(kHeaderBytes) == bytes);
   EXPECT_EQ(test::countLog("", LOG_ERR), 0);
 }
 
 TEST_F(FileSynthesis, WritesNothingButARegularFileAndLogsIt) {
-  write(folder / "target", "precious");
-  fs::create_symlink(folder / "target", folder / "link");
-  fs::create_symlink(folder / "nowhere", folder / "dangling");
-  fs::create_directory(folder / "folder");
-  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
-  ASSERT_EQ(::mkfifo((folder / "read").c_str(), 0600), 0);
-  const std::fstream reader(folder / "read", std::ios::in | std::ios::out);
-  const std::pair<fs::path, const char*> rows[] = {
-      {folder / "link", "Too many levels of symbolic links"},
-      {folder / "dangling", "Too many levels of symbolic links"},
-      {folder / "folder", "Is a directory"},
-      {folder / "pipe", "No such device or address"},
-      {folder / "read", "Operation not supported"},
-      {"/dev/null", "Operation not supported"},
-      {folder / "missing" / "new.wav", "No such file or directory"}};
-  for (const auto& [path, reason] : rows) {
-    SCOPED_TRACE(path);
-    test::clearLog();
-    EXPECT_EQ(synthesise(path), 0);
-    const std::string message = "qs_flite_tts_file: cannot write " + path.string() + ": " + reason;
-    EXPECT_EQ(test::countLog(message, LOG_ERR), 1);
+  test::writeFile(folder / "target", "precious");
+  std::filesystem::create_symlink(folder / "target", folder / "link");
+  ASSERT_EQ(mkfifo((folder / "pipe without a reader").c_str(), 0600), 0);
+  for (const std::string& no :
+       {folder / "link", folder / "pipe without a reader", std::string("/dev/null")}) {
+    EXPECT_EQ(qs_flite_tts_file(kText, no, 0), 0);
+    EXPECT_EQ(test::countLog("qs_flite_tts_file: cannot write " + no + ": ", LOG_ERR), 1) << no;
   }
-  EXPECT_EQ(contents(folder / "target"), "precious");
-  EXPECT_FALSE(fs::exists(folder / "nowhere"));
+  EXPECT_EQ(test::readFile(folder / "target"), "precious");
 }
 
 TEST_F(FileSynthesis, LogsAFileThatCannotBeWrittenToItsEnd) {
   const auto previous = std::signal(SIGXFSZ, SIG_IGN);
   rlimit before = {};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
-  const rlim_t wholeFile = riffOf(test::fliteAlone(kText)).size();
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlim_t wholeFile = kHeaderBytes + 2 * test::fliteAlone(kText).size();
   // The disk is full at once, or with the very last sample.
   for (const rlim_t limit : {rlim_t{1000}, wholeFile - 1}) {
     test::clearLog();
     const rlimit small = {limit, before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    const int result = synthesise(folder / "new.wav");
-    ::setrlimit(RLIMIT_FSIZE, &before);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const int result = qs_flite_tts_file(kText, path, 0);
+    setrlimit(RLIMIT_FSIZE, &before);
     EXPECT_EQ(result, 0);
     EXPECT_EQ(test::countLog("File too large", LOG_ERR), 1) << limit;
   }
   std::signal(SIGXFSZ, previous);
 }
 
-TEST_F(FileSynthesis, EndsAtItsNextChunkWhereItIsStopped) {
-  constexpr long kNoiseBeforeStop = 20000;
+TEST_F(FileSynthesis, EndsBeforeFliteOrAtItsNextChunkWhereItIsStopped) {
+  const std::atomic<bool> stopped{true};
   test::noise().drawn = 0;
-  test::noise().left = kNoiseBeforeStop;
-  std::string heavy;
-  while (heavy.size() < 4000)
-    heavy += kText + " ";
-  EXPECT_EQ(qs_flite_tts_file(heavy, folder / "new.wav", 0, &test::noise().stop), -2);
-  EXPECT_LE(test::noise().drawn, kNoiseBeforeStop + 1000) << "more than a chunk later";
-  EXPECT_FALSE(fs::exists(folder / "new.wav"));
-}
-
-TEST_F(FileSynthesis, EndsWithoutFliteWhereItIsStoppedWhileItWaitsForTheVoice) {
-  std::atomic<bool> stop{false};
-  test::noise().drawn = 0;
-  std::future<int> result;
-  {
-    const platform::MutexLock lock(voiceMutex);
-    result = std::async(std::launch::async,
-                        [&] { return qs_flite_tts_file(kText, folder / "new.wav", 0, &stop); });
-    stop = true;
-  }
-  EXPECT_EQ(result.get(), -2);
+  EXPECT_EQ(qs_flite_tts_file(kText, path, 0, &stopped), -2);
   EXPECT_EQ(test::noise().drawn, 0);
-  EXPECT_FALSE(fs::exists(folder / "new.wav"));
+
+  constexpr long kNoiseBeforeStop = 20000;
+  test::noise().left = kNoiseBeforeStop;
+  EXPECT_EQ(qs_flite_tts_file(kHeavy, path, 0, &test::noise().stop), -2);
+  EXPECT_LE(test::noise().drawn, kNoiseBeforeStop + 1000) << "more than a chunk later";
+  EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 }  // namespace

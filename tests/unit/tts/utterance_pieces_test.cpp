@@ -1,13 +1,11 @@
 #include "tts/utterance_pieces.h"
 
-#include <ctime>
 #include <random>
 #include <set>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "tts/text_guard.h"
 #include "tts/utf8.h"
 
 namespace {
@@ -18,30 +16,17 @@ using Pieces = std::vector<std::string_view>;
 TEST(TextWeight, CountsWhatTheVoiceMakesOfEachCharacter) {
   const std::pair<const char*, std::size_t> rows[] = {
       {"", 0},
-      {"hello", 5},
-      {"Hello World", 11},
-      {" \t\r\n", 4},
+      {"Hello \t\r\n", 9},
       {"!\"'(),-.:;<>?[]`{}", 18},
-      {"7", 6},
       {"#$%&*+/=@\\^_|~", 84},
-      {"\x01\x7f", 12},
-      {"a1", 7},
-      {"TV", 8},
-      {"TV tv a", 19},
+      {"7\x01\x7f", 18},
+      {"TV tv a", 19},  // the first two are spelled
       {"bcdfa", 5},
-      {"bcdf a", 18},
-      {"x.", 5},
       {"rhythm SKY", 10},
-      {"can't", 5},
-      {"\xC3\xA9", 6},               // e acute
       {"b\xC3\xA9", 10},             // no vowel that the voice knows
       {"\xF0\x9F\x98\x80", 6},       // an emoji
-      {"\xEF\xBF\xBD", 6},           // U+FFFD itself
-      {"\xF0\x9F\x98", 6},           // cut short: one U+FFFD
-      {"\xF0\x9F\x98\xC3\xA9", 12},  // cut short by a good one
-      {"\xC0\xAF", 12},              // a slash in two bytes: two
-      {"\xED\xA0\x80", 18},          // half a surrogate pair: three
-      {"\xFF\xFE\x80", 18},
+      {"\xF0\x9F\x98\xC3\xA9", 12},  // one U+FFFD, then a good character
+      {"\xED\xA0\x80", 18},          // half a surrogate pair: three U+FFFD
   };
   for (const auto& [text, weight] : rows)
     EXPECT_EQ(textWeight(text), weight) << text;
@@ -55,18 +40,12 @@ TEST(Pieces, AreCutAtSentencesElseClausesElseWordsElseCharacters) {
   const Row rows[] = {
       {"", {""}},
       {"  a text of six ", {"  a text of six "}},
-      {"One two. Three four five", {"One two.", "Three four five"}},
       {"One. Two! Three? Four five", {"One. Two! Three?", "Four five"}},
       {"One, two. Three; four: five", {"One, two.", "Three; four: five"}},
       {"One, two; three four five", {"One, two;", "three four five"}},
       {"He said \"no.\" Then he ran", {"He said \"no.\"", "Then he ran"}},
-      {"about a.b e.g.a of all", {"about a.b e.g.a of", "all"}},
-      {"one two three four five six", {"one two three four", "five six"}},
       {"  one   two   \n\t  three four five  ", {"one   two", "three four five"}},
-      {"one  .  two three four five", {"one  .", "two three four five"}},
-      {"aaaaaaaaaaaaaaaaaaaaaaa b", {"aaaaaaaaaaaaaaaaaaaa", "aaa b"}},
       {"a aaaaaaaaaaaaaaaaaaaaaaa", {"a", "aaaaaaaaaaaaaaaaaaaa", "aaa"}},
-      {"1234567", {"123", "456", "7"}},
       {"\xC3\xA9\xC3\xA9\xE2\x82\xAC\xC3\xA9", {"\xC3\xA9\xC3\xA9\xE2\x82\xAC", "\xC3\xA9"}},
       // The vowel at its end makes a word of the second token, the third is spelled.
       {"so bcdfghjklmnpqra bcdfgh", {"so bcdfghjklmnpqra", "bcdfg", "h"}},
@@ -106,19 +85,6 @@ TEST(Pieces, LoseNothingAndOutweighNothingWhateverTheText) {
     }
     ASSERT_EQ(joined, withoutBlanks(text));
   }
-}
-
-TEST(Pieces, TakeLinearTimeForMegabytes) {
-  const std::clock_t begin = std::clock();
-  for (const std::string_view part : {"a", "7", " ", "\xF0\x9F", "ab, cd "}) {
-    std::string text;
-    while (text.size() < 1'000'000)
-      text += part;
-    EXPECT_GE(textWeight(text), text.size());
-    EXPECT_FALSE(cutIntoPieces(text).empty());
-    EXPECT_FALSE(cutIntoPieces(guardText(text)).empty());
-  }
-  EXPECT_LT((std::clock() - begin) / CLOCKS_PER_SEC, 30);
 }
 
 }  // namespace

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <limits>
 #include <vector>
 
@@ -52,26 +52,20 @@ inline Samples literalDn(const pfir_filterConfig* table, const Samples& signal) 
 }
 
 /// A state that is released at the end of its scope.
-struct UpFilter {
-  explicit UpFilter(const pfir_filterConfig* table) { status = pfir_initUpFilter(&state, table); }
-  ~UpFilter() { pfir_releaseUpFilter(&state); }
-  UpFilter(const UpFilter&) = delete;
-  UpFilter& operator=(const UpFilter&) = delete;
+template <class State, auto init, auto release, auto run>
+struct Filter {
+  explicit Filter(const pfir_filterConfig* table) : status(init(&state, table)) {}
+  ~Filter() { release(&state); }
+  Filter(const Filter&) = delete;
+  Filter& operator=(const Filter&) = delete;
 
-  static constexpr auto kRun = pfir_upFilter;
-  pfir_upFilterState state;
+  static constexpr auto kRelease = release;
+  static constexpr auto kRun = run;
+  State state{};
   int status;
 };
 
-struct DnFilter {
-  explicit DnFilter(const pfir_filterConfig* table) { status = pfir_initDnFilter(&state, table); }
-  ~DnFilter() { pfir_releaseDnFilter(&state); }
-  DnFilter(const DnFilter&) = delete;
-  DnFilter& operator=(const DnFilter&) = delete;
-
-  static constexpr auto kRun = pfir_dnFilter;
-  pfir_dnFilterState state;
-  int status;
-};
+using UpFilter = Filter<pfir_upFilterState, pfir_initUpFilter, pfir_releaseUpFilter, pfir_upFilter>;
+using DnFilter = Filter<pfir_dnFilterState, pfir_initDnFilter, pfir_releaseDnFilter, pfir_dnFilter>;
 
 }  // namespace test

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include <flite/flite.h>
+
+namespace test {
+
+/// The voice draws its noise from rand(), which in a program with this file always gives the same
+/// number, so that one text always sounds the same. Once `left` samples of noise are drawn, `stop`
+/// is set.
+struct Noise {
+  std::atomic<long> drawn{0};
+  std::atomic<long> left{-1};
+  std::atomic<bool> stop{false};
+};
+Noise& noise();
+
+/// The samples of a wave, none for null.
+std::vector<short> samplesOf(const cst_wave* wave);
+
+/// What Flite alone makes of a text as one utterance, and of the pieces into which it is cut. Takes
+/// the engine's voice.
+std::vector<short> fliteAlone(const std::string& text, float stretch = 0.75F);
+std::vector<short> fliteInPieces(const std::string& text, float stretch = 0.75F);
+
+}  // namespace test
