@@ -11,8 +11,8 @@ namespace test {
 /// A bus, the daemon on it and one client, all new for each case.
 class DaemonTest : public testing::Test {
  protected:
-  void start(Daemon::Options options = {}) {
-    daemon.emplace(folder, bus.address(), std::move(options));
+  void start(const Daemon::Options& options = {}) {
+    daemon.emplace(folder, bus.address(), options);
     client.emplace(bus.address());
     ASSERT_TRUE(client->awaitName());
   }

@@ -19,8 +19,8 @@ class Process : public test::DaemonTest {
   std::string run(std::vector<std::string> arguments) {
     Daemon::Options options;
     options.arguments = std::move(arguments);
-    Daemon tool(folder, bus.address(), std::move(options));
-    const std::string printed = tool.output();
+    Daemon tool(folder, bus.address(), options);
+    std::string printed = tool.output();
     EXPECT_EQ(tool.exitStatus(), 0);
     log.emplace_back();
     for (const std::string& line : tool.log())
@@ -67,7 +67,7 @@ TEST_F(Process, ASecondInstanceEndsBeforeItDoesAnything) {
   for (const auto& arguments : std::vector<std::vector<std::string>>{{}, {"dump", "x"}}) {
     Daemon::Options options;
     options.arguments = arguments;
-    Daemon second(folder, bus.address(), std::move(options));
+    Daemon second(folder, bus.address(), options);
     EXPECT_EQ(second.output(), "");
     EXPECT_EQ(second.exitStatus(), 1);
   }
@@ -144,7 +144,7 @@ class Automation : public Process {
   void startWithFeature() {
     Daemon::Options options;
     options.properties = kFeatureOn;
-    daemon.emplace(folder, bus.address(), std::move(options));
+    daemon.emplace(folder, bus.address(), options);
     client.emplace(bus.address());
   }
 };

@@ -120,7 +120,7 @@ TEST_F(Speech, VolumeActsFromTheNextRequest) {
   EXPECT_EQ(playToEnd({"volume"}), 0U);
   const Samples all = recording();
   EXPECT_NEAR(peak(Samples(all.begin() + static_cast<std::ptrdiff_t>(start), all.end())),
-              before * 71 / 502, 20)
+              before * 71.0 / 502.0, 20)
       << "the ramp settles 10 below its target, so 502 before and 71 now";
 }
 

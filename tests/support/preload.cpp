@@ -138,14 +138,9 @@ mode_t modeOf(int flags, va_list arguments) {
 extern "C" {
 
 // Declared in the fortified headers only.
-[[gnu::format(printf, 3, 4)]] [[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority,
-                                                                              int flag,
-                                                                              const char* format,
-                                                                              ...);
-[[gnu::format(printf, 3, 0)]] [[gnu::format(printf, 3, 0)]] void __vsyslog_chk(int priority,
-                                                                               int flag,
-                                                                               const char* format,
-                                                                               va_list arguments);
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, const char* format, ...);
+[[gnu::format(printf, 3, 0)]] void __vsyslog_chk(int priority, int flag, const char* format,
+                                                 va_list arguments);
 int __open_2(const char* path, int flags);
 int __open64_2(const char* path, int flags);
 

@@ -66,25 +66,23 @@ bool waitForLog(const std::string& part, int count) {
 
 extern "C" {
 
-void syslog(int level, const char* format, ...) {
+void syslog(int priority, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  test::record(level, format, arguments);
+  test::record(priority, format, arguments);
   va_end(arguments);
 }
 
-void vsyslog(int level, const char* format, va_list arguments) {
-  test::record(level, format, arguments);
+void vsyslog(int priority, const char* format, va_list arguments) {
+  test::record(priority, format, arguments);
 }
 
 // What the fortified headers call; the name is the C library's.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
-[[gnu::format(printf, 3, 4)]] void __syslog_chk(int level, int flag, const char* format, ...);
-void __syslog_chk(int level, int /*flag*/, const char* format, ...) {
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, const char* format, ...);
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  test::record(level, format, arguments);
+  test::record(priority, format, arguments);
   va_end(arguments);
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 }

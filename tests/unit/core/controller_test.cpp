@@ -18,6 +18,8 @@ namespace {
 
 int busReleases = 0;
 
+// Queues are never destroyed through their base, which has no virtual destructor.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor)
 class FakeQueue final : public qs_ns::QS_MessageQueueBase {
  public:
   std::vector<std::unique_ptr<qs_ns::QS_PlayRequest>> added;
