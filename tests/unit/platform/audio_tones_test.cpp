@@ -2,8 +2,6 @@
 
 #include <cmath>
 #include <numbers>
-#include <set>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -66,39 +64,6 @@ TEST(Tones, SoundAsTheirRowsSay) {
     EXPECT_NEAR(meanSquare(on) / wave, tone.secondHz != 0 ? 2 : 1, 0.1);
     EXPECT_EQ(off, Samples(off.size(), 0));
   }
-}
-
-TEST(Tones, GoOnWithoutAnEndOrABreak) {
-  const Samples dial = render(*toneAt(16), 3 * 48000);
-  const Samples second(dial.begin() + 48000, dial.begin() + 96000);
-  EXPECT_EQ(Samples(dial.begin(), dial.begin() + 48000), second);
-  EXPECT_EQ(Samples(dial.begin() + 96000, dial.end()), second);
-  // Across the seam the wave goes on: no step larger than within it.
-  EXPECT_LT(std::abs(dial[48000] - dial[47999]), 500);
-}
-
-TEST(Tones, KeysHaveTheFrequenciesOfTheTelephoneNetwork) {
-  const char keys[] = "123A456B789C*0#D";
-  const int rows[] = {697, 770, 852, 941};
-  const int columns[] = {1209, 1336, 1477, 1633};
-  for (int index = 0; index <= 15; ++index) {
-    const Tone& tone = *toneAt(index);
-    const auto place = std::string(keys).find(tone.name);
-    ASSERT_NE(place, std::string::npos) << tone.name;
-    EXPECT_EQ(tone.firstHz, rows[place / 4]) << tone.name;
-    EXPECT_EQ(tone.secondHz, columns[place % 4]) << tone.name;
-  }
-}
-
-TEST(Tones, HaveTheIndices0To34) {
-  EXPECT_EQ(toneAt(-1), nullptr);
-  EXPECT_EQ(toneAt(35), nullptr);
-  std::set<std::string> names;
-  for (int index = 0; index <= 34; ++index) {
-    ASSERT_NE(toneAt(index), nullptr);
-    names.insert(toneAt(index)->name);
-  }
-  EXPECT_EQ(names.size(), 35U);
 }
 
 }  // namespace

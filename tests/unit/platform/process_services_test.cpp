@@ -1,61 +1,25 @@
 #include "platform/process_services.h"
 
-#include <pthread.h>
-#include <sched.h>
-#include <sys/mman.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
-#include <future>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "platform/run_directory.h"
+#include "platform/unique_fd.h"
 #include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
 
 namespace {
-
-/// A child that runs `work` and then, until it is killed, nothing.
-class Instance {
- public:
-  explicit Instance(const std::function<int()>& work) {
-    int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
-    process = fork();
-    if (process == 0) {
-      const auto outcome = static_cast<unsigned char>(work());
-      if (write(ends[1], &outcome, 1) != 1) _exit(1);
-      while (true)
-        pause();
-    }
-    unsigned char reported = 255;
-    EXPECT_EQ(read(ends[0], &reported, 1), 1);
-    result = reported;
-    close(ends[0]);
-    close(ends[1]);
-  }
-  ~Instance() {
-    kill(process, SIGKILL);
-    waitpid(process, nullptr, 0);
-  }
-  Instance(const Instance&) = delete;
-  Instance& operator=(const Instance&) = delete;
-
-  pid_t process = -1;
-  int result = -1;
-};
 
 class PidRegistration : public testing::Test {
  public:
@@ -86,56 +50,21 @@ TEST_F(PidRegistration, HoldsUntilItIsTakenBack) {
   EXPECT_EQ(create_varrunpid("daemon"), 0);
 }
 
-TEST_F(PidRegistration, IsRefusedWhileAnotherProcessHoldsItAndFreeAfterItsCrash) {
+TEST_F(PidRegistration, IsRefusedWhileAnotherHoldsItAndFreeAfterItsCrash) {
+  std::filesystem::create_directories(runFolder);
+  test::writeFile(file, "4711");
   {
-    const Instance other([] { return create_varrunpid("daemon"); });
-    ASSERT_EQ(other.result, 0);
+    // As held by another process: a lock belongs to the descriptor.
+    const platform::UniqueFd other(open(file.c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0);
     EXPECT_NE(create_varrunpid("daemon"), 0);
     EXPECT_EQ(create_varrunpid("namesake"), 0);
     unlink_varrunpid("daemon");
     unlink_varrunpid("namesake");
-    EXPECT_EQ(test::readFile(file), std::to_string(other.process));
+    EXPECT_EQ(test::readFile(file), "4711");
   }
-  EXPECT_TRUE(std::filesystem::exists(file));
   EXPECT_EQ(create_varrunpid("daemon"), 0);
   EXPECT_EQ(test::readFile(file), std::to_string(getpid()));
-}
-
-TEST_F(PidRegistration, LeavesTheFileOfASuccessorAlone) {
-  ASSERT_EQ(create_varrunpid("daemon"), 0);
-  std::filesystem::remove(file);
-  test::writeFile(file, "4711");
-  unlink_varrunpid("daemon");
-  EXPECT_EQ(test::readFile(file), "4711");
-}
-
-TEST_F(PidRegistration, IsNeverHeldByTwoHoweverTheyComeAndGo) {
-  struct Shared {
-    std::atomic<int> holders{0};
-    std::atomic<int> clashes{0};
-  };
-  void* memory =
-      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(memory, MAP_FAILED);
-  auto& shared = *new (memory) Shared;
-  pid_t processes[4];
-  for (pid_t& process : processes) {
-    process = fork();
-    if (process != 0) continue;
-    for (int mine = 0; mine < 50;) {
-      if (create_varrunpid("daemon") != 0) continue;
-      if (++shared.holders != 1) ++shared.clashes;
-      ++mine;
-      sched_yield();
-      --shared.holders;
-      unlink_varrunpid("daemon");
-    }
-    _exit(0);
-  }
-  for (const pid_t process : processes)
-    waitpid(process, nullptr, 0);
-  EXPECT_EQ(shared.clashes, 0);
-  munmap(memory, sizeof(Shared));
 }
 
 TEST_F(PidRegistration, StartsWithAWarningWhereThereIsNoFolder) {
@@ -227,29 +156,6 @@ TEST(TraceSettings, FillTheRecordAndSetTheLogMask) {
   }
   unsetenv("QUILLSPEAK_TRACE");
   setlogmask(LOG_UPTO(LOG_DEBUG));
-}
-
-TEST(ThreadName, IsGivenToAnyThreadOfTheProcessByItsKernelId) {
-  std::promise<pid_t> id;
-  std::promise<void> named;
-  std::thread other([&] {
-    id.set_value(gettid());
-    named.get_future().wait();
-  });
-  pthread_name_np(id.get_future().get(), "QS_MessageQueueThread");
-  char name[16] = {};
-  pthread_getname_np(other.native_handle(), name, sizeof name);
-  EXPECT_STREQ(name, "QS_MessageQueue");
-  named.set_value();
-  other.join();
-
-  char before[16] = {};
-  pthread_getname_np(pthread_self(), before, sizeof before);
-  pthread_name_np(gettid(), "quillspeak");
-  pthread_getname_np(pthread_self(), name, sizeof name);
-  EXPECT_STREQ(name, "quillspeak");
-  pthread_name_np(gettid(), before);
-  pthread_name_np(1, "not ours");
 }
 
 }  // namespace

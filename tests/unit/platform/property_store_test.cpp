@@ -4,12 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -122,15 +120,6 @@ TEST_F(PropertyStore, SeesEachChangeAtTheNextRead) {
   }
 }
 
-TEST_F(PropertyStore, FollowsTheVariableAtEachRead) {
-  store("speed = 1");
-  EXPECT_EQ(integer("speed"), "1");
-  const std::string other = folder / "other";
-  test::writeFile(other, "speed = 2");
-  setenv("QUILLSPEAK_PROPERTIES", other.c_str(), 1);
-  EXPECT_EQ(integer("speed"), "2");
-}
-
 TEST_F(PropertyStore, IsNotHurtByWhatIsNoPropertyFile) {
   mkfifo(file.c_str(), 0600);
   EXPECT_EQ(integer("speed"), "failed");
@@ -157,34 +146,6 @@ TEST_F(PropertyStore, IsNotHurtByWhatIsNoPropertyFile) {
   noise.resize(platform::KeyValueFile::kMaxBytes - 10);
   store(noise + "\nspeed = 2");
   EXPECT_EQ(integer("speed"), "2");
-}
-
-TEST_F(PropertyStore, GivesManyReadersWholeFilesWhileOneIsReplaced) {
-  storeByRename("number = 0\ntext = 0");
-  std::atomic<bool> done{false};
-  std::vector<std::thread> readers;
-  readers.reserve(3);
-  std::atomic<int> wrong{0};
-  std::atomic<int> reads{0};
-  for (int count = 0; count < 3; ++count) {
-    readers.emplace_back([&] {
-      while (!done) {
-        const std::string word = text("text");
-        if (word.empty() || word != std::string(word.size(), word[0])) ++wrong;
-        if (integer("number") == "failed") ++wrong;
-        ++reads;
-      }
-    });
-  }
-  for (int round = 0; round < 300 || reads < 300; ++round) {
-    const auto digit = static_cast<char>('0' + round % 10);
-    storeByRename("number = " + std::string(1, digit) +
-                  "\ntext = " + std::string(static_cast<std::size_t>(1 + round % 60), digit));
-  }
-  done = true;
-  for (std::thread& reader : readers)
-    reader.join();
-  EXPECT_EQ(wrong, 0);
 }
 
 TEST(KeyValueFile, ParsesAnUnchangedFileOnce) {
