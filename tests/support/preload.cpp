@@ -1,8 +1,7 @@
 // Loaded into a program under test with LD_PRELOAD. Variables switch its parts on:
-//   QS_TEST_SYSLOG  a file that gets a line for each message that passes the log mask, "<LEVEL>
-//   <text>" with a
-//                   newline written as \n, and one for openlog: "openlog ident=I option=0xO
-//                   facility=0xF"
+//   QS_TEST_SYSLOG  a file that gets a line for each message that passes the log mask,
+//                   "<LEVEL> <text>" with a newline written as \n, and one for openlog:
+//                   "openlog ident=I option=0xO facility=0xF"
 //   QS_TEST_FILES   a folder in which the files of fixed paths are looked for, by their names alone
 //   QS_TEST_RAND    see pinned_rand.cpp
 
@@ -141,8 +140,6 @@ extern "C" {
 [[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, const char* format, ...);
 [[gnu::format(printf, 3, 0)]] void __vsyslog_chk(int priority, int flag, const char* format,
                                                  va_list arguments);
-int __open_2(const char* path, int flags);
-int __open64_2(const char* path, int flags);
 
 void syslog(int priority, const char* format, ...) {
   va_list arguments;
@@ -198,32 +195,6 @@ int open64(const char* path, int flags, ...) {
   const mode_t mode = modeOf(flags, arguments);
   va_end(arguments);
   return original(Redirected(path).get(), flags, mode);
-}
-
-int openat(int folder, const char* path, int flags, ...) {
-  static const auto original = next<decltype(openat)>("openat");
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = modeOf(flags, arguments);
-  va_end(arguments);
-  return original(folder, Redirected(path).get(), flags, mode);
-}
-
-int openat64(int folder, const char* path, int flags, ...) {
-  static const auto original = next<decltype(openat64)>("openat64");
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = modeOf(flags, arguments);
-  va_end(arguments);
-  return original(folder, Redirected(path).get(), flags, mode);
-}
-
-int __open_2(const char* path, int flags) {
-  return open(path, flags);
-}
-
-int __open64_2(const char* path, int flags) {
-  return open64(path, flags);
 }
 
 FILE* fopen(const char* path, const char* mode) {

@@ -107,9 +107,9 @@ TEST_F(WavOutputTest, IsAWholeFileAfterEveryWriteOfSessionsBackToBack) {
   std::string why;
   ASSERT_EQ(output.open(why), 0);
   EXPECT_EQ(readWave(path), Samples());
-  for (const std::size_t done : {0, 400}) {
+  for (const int done : {0, 400}) {
     ASSERT_EQ(output.write(all.data() + done, 400), 0);
-    EXPECT_EQ(readWave(path), Samples(all.begin(), all.begin() + 400 + static_cast<int>(done)));
+    EXPECT_EQ(readWave(path), Samples(all.begin(), all.begin() + 400 + done));
   }
   EXPECT_EQ(output.close(), 0);
   EXPECT_EQ(play(output, {}), 0);
