@@ -57,7 +57,6 @@ TEST_F(Speech, AStopEndsThePlayingTextSoon) {
   ASSERT_TRUE(result.has_value());
   EXPECT_EQ(result->resultCode, 1U);
   EXPECT_LT(recording().size(), static_cast<std::size_t>(5 * kRate));
-  EXPECT_LT(std::abs(recording().back()), 500) << "the last frame fades";
   EXPECT_EQ(client->stop(handle).value, 0U) << "a handle that is gone";
   EXPECT_EQ(playToEnd({"on"}), 0U);
 }
