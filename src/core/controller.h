@@ -24,7 +24,7 @@ namespace qs_ns {
 class QS_Controller final : public QS_ControllerBase {
  public:
   /// Borrows all three, which outlive it. Connects to the media server (three attempts 5 s apart,
-  /// so it may take 15 s) and starts the phrase cache builder.
+  /// so it may take 15 s, and goes on without) and starts the phrase cache builder.
   QS_Controller(QS_DBusBase* dbus, QS_MessageQueueBase* queue, QS_MediaInterfaceBase* media);
   ~QS_Controller() override;
 
@@ -34,10 +34,12 @@ class QS_Controller final : public QS_ControllerBase {
   /// Queues a request and returns its handle, also where there is no queue any more.
   std::uint64_t playMediaFromText(const std::vector<std::string>& texts, const int& params,
                                   const int& type, const int& flags);
+  /// Stops or drops the request with that handle; says nothing where there is none. 0.
   int stopMediaPlaying(const std::uint64_t& handle, const int& type, const int& flags);
   /// An odd `flags` makes the process give up its bus name where a test set-up may take it; an even
-  /// one starts caching anew.
+  /// one starts caching anew, where it is not turned off.
   void reloadConfig(const int& flags);
+  /// Sets the volume level (2 is the level at start), from the next request on.
   void setVolume(int volume);
   /// How many requests wait behind the one that plays.
   int requestsWaiting() const;

@@ -11,7 +11,8 @@ class QS_DBusBase {
   virtual ~QS_DBusBase() = default;
 
   /// Announces a finished request. On the thread that finished it, never the bus thread; does not
-  /// wait for the bus. `request` is the `QS_PlayRequest`, which may die once this has returned.
+  /// wait for the bus. `resultCode` is 0 (played to its end) or 1 (stopped), `request` is the
+  /// `QS_PlayRequest`, which may die once this has returned.
   virtual void reportPlayRequestResult(const std::vector<std::string>& texts,
                                        const unsigned int& params, const unsigned int& type,
                                        const unsigned int& flags, const unsigned int& resultCode,

@@ -3,8 +3,9 @@
 namespace qs_ns {
 
 /// The daemon's side of the media server: at most one playback session, tones, and the gain that
-/// the writer applies. No operation blocks for more than about a second; `setVolume` and the
-/// getters never do and may be called from any thread, the rest one thread at a time.
+/// the writer applies. `setVolume` and the getters never block and may be called from any thread.
+/// The rest may be called by one thread at a time; a sound device that hangs costs each of them
+/// about a second.
 class QS_MediaInterfaceBase {
  public:
   virtual ~QS_MediaInterfaceBase() = default;
@@ -13,14 +14,14 @@ class QS_MediaInterfaceBase {
   virtual int cleanupMSInterface() = 0;
   /// Connects, forgets the session and sets the gain to 512 (Q10); false on failure.
   virtual bool initializeMSInterface() = 0;
-  /// Chooses where the sound of sessions goes; the media server's status.
+  /// Chooses where the sound of sessions goes. Always 0, whatever the media server says.
   virtual int setPathMsAudPlaybackSession() = 0;
   /// Opens the session if none is open: 0, or -5.
   virtual int startMsAudPlaybackSession() = 0;
   /// Lets what waits be heard and closes the session if one is open. Always 0.
   virtual int stopMsAudPlaybackSession() = 0;
-  /// Plays `bytes` bytes of 48 kHz mono 16-bit sound; blocks as a sound card does. The bytes taken,
-  /// or a negative value on a session that is dead or not open.
+  /// Plays `bytes` bytes of 48 kHz mono 16-bit sound; blocks for as long as they sound, as a sound
+  /// card does. The bytes taken, or a negative value on a session that is dead or not open.
   virtual int playDataMsAudPlaybackSession(const void* data, unsigned int bytes) = 0;
   /// The open session's handle, 0 when none is open.
   virtual int getMsAudPlaybackSession() = 0;

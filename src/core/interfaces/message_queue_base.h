@@ -7,9 +7,11 @@ namespace qs_ns {
 struct QS_PlayRequest;
 
 /// The play queue as the controller sees it. Any thread, unless said; nothing here waits for speech
-/// but `stopThread`.
+/// but `stopThread`, and most of it takes the queue's control lock for a moment.
 class QS_MessageQueueBase {
  public:
+  /// Starts the queue's thread; where there is none to be had, that is logged and nothing is ever
+  /// played. Once per object; main thread.
   virtual void runThread() = 0;
   /// Stops the request that plays, ends the thread and waits for it. Once per object; main thread.
   virtual void stopThread() = 0;
@@ -18,7 +20,8 @@ class QS_MessageQueueBase {
   virtual void notifyThread(const QS_PlayRequest* request) = 0;
   /// Removes or stops the request with that handle; always 0.
   virtual int stopPlaying(const unsigned long long& handle) = 0;
-  /// Queues a request, after the ones that it displaces are gone.
+  /// Queues a request. Those that wait and that it displaces are dropped first, and the one that
+  /// plays is asked to stop where it gives way. After `stopThread` it is kept and not played.
   virtual void addToQueue(std::unique_ptr<QS_PlayRequest> request) = 0;
 
   /// True while a request is examined or played, and until 5 whole seconds after the last one

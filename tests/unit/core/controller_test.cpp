@@ -1,6 +1,9 @@
 #include "core/controller.h"
 
+#include <syslog.h>
+
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <tuple>
 
@@ -8,6 +11,7 @@
 
 #include "core/interfaces/bus_release.h"
 #include "fake_speech.h"
+#include "link_seams.h"
 #include "playback/play_request.h"
 #include "support/fakes.h"
 #include "support/scratch_folder.h"
@@ -16,26 +20,40 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+
 int busReleases = 0;
 
 // Queues are never destroyed through their base, which has no virtual destructor.
 // NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor)
 class FakeQueue final : public qs_ns::QS_MessageQueueBase {
  public:
-  std::vector<std::unique_ptr<qs_ns::QS_PlayRequest>> added;
+  struct Added {
+    std::uint64_t handle;
+    std::vector<std::string> texts;
+    std::string alertFile;
+  };
+  std::vector<Added> added;
+  std::function<void()> onAdd = [] {};
+  std::function<void()> onStop = [] {};
   std::atomic<bool> busy{false};
   int stops = 0;
   unsigned long long stopped = 0;
 
   void runThread() override {}
-  void stopThread() override { ++stops; }
+  void stopThread() override {
+    ++stops;
+    onStop();
+  }
   void notifyThread(const qs_ns::QS_PlayRequest*) override {}
   int stopPlaying(const unsigned long long& handle) override {
     stopped = handle;
-    return 0;
+    return 3;
   }
+  // A request may have been played and be gone when this returns.
   void addToQueue(std::unique_ptr<qs_ns::QS_PlayRequest> request) override {
-    added.push_back(std::move(request));
+    onAdd();
+    added.push_back({request->handle, request->textToConvert, request->alertFile});
   }
   bool isBusy() override { return busy; }
   int requestsWaiting() override { return static_cast<int>(added.size()); }
@@ -103,6 +121,31 @@ TEST_F(Controller, AReloadReplacesTheBuilderAndEmptiesTheDynamicCache) {
   EXPECT_EQ(busReleases, 0);
 }
 
+TEST_F(Controller, ABuilderThatEndsTakesNothingButItselfAway) {
+  test::Gate gate;
+  speech.at = [&](int synthesis, test::Stage stage) {
+    if (synthesis == 0 && stage == test::Stage::start) gate.pass();
+  };
+  make();
+  gate.awaitArrival();
+  for (int i = 0; i < 3; ++i)
+    controller->reloadConfig(0);
+  const char* const gone = "reportCachingComplete: cacheThread destroyed and cleared";
+  EXPECT_EQ(test::countLog(gone, LOG_NOTICE), 1) << "the one that never had its turn";
+  EXPECT_NE(controller->getCacheThread(), nullptr);
+  gate.open();
+  EXPECT_TRUE(test::waitForLog(gone, 3));
+  EXPECT_NE(controller->getCacheThread(), nullptr);
+}
+
+// It dies inside the reload, and its end takes the lock under which it was replaced.
+TEST_F(Controller, AReloadReplacesABuilderThatNeverRan) {
+  test::failThread(1);
+  make();
+  controller->reloadConfig(0);
+  EXPECT_TRUE(test::waitForLog("QS_CT:threadLoop: Number of phrases in cache:51"));
+}
+
 TEST_F(Controller, CachingCanBeTurnedOff) {
   configure("qs_cache = disable\ndevice.accessibility.qs_enabled = true\n");
   make();
@@ -132,9 +175,12 @@ TEST_F(Controller, GivesUpOnTheMediaServerAfterThreeAttemptsAndGoesOn) {
   const auto before = platform::clock().now();
   configure("");
   make();
-  EXPECT_GE(platform::clock().now() - before, std::chrono::seconds(15));
-  EXPECT_EQ(test::countLog("initializeMSWithController: failed. Trying again in 5 seconds"), 3);
-  EXPECT_EQ(test::countLog("initializeMSWithController: Could not intializeMSController"), 1);
+  EXPECT_EQ(platform::clock().now() - before, 15s);
+  EXPECT_EQ(
+      test::countLog("initializeMSWithController: failed. Trying again in 5 seconds", LOG_WARNING),
+      3);
+  EXPECT_EQ(test::countLog("initializeMSWithController: Could not intializeMSController", LOG_ERR),
+            1);
   EXPECT_NE(controller->getFirUpState(), nullptr);
   controller.reset();
 }
@@ -144,8 +190,11 @@ TEST_F(Controller, TriesThreeTimesToOpenASession) {
   configure("");
   make();
   media.opens = false;
+  const auto before = platform::clock().now();
   EXPECT_EQ(controller->startMsAudPlayback(), -10);
-  EXPECT_EQ(test::countLog("startMsAudPlayback: failed to open audio playback session"), 1);
+  EXPECT_EQ(platform::clock().now() - before, 150ms);
+  EXPECT_EQ(test::countLog("startMsAudPlayback: failed to open audio playback session", LOG_ERR),
+            1);
   media.opens = true;
   EXPECT_EQ(controller->startMsAudPlayback(), 0);
   EXPECT_EQ(controller->startMsAudPlayback(), 0);
@@ -153,35 +202,49 @@ TEST_F(Controller, TriesThreeTimesToOpenASession) {
   controller.reset();
 }
 
-TEST_F(Controller, QueuesARequestAsItCameAndPausesTheBuilder) {
+TEST_F(Controller, PausesTheBuilderAndThenQueuesARequestAsItCame) {
   make();
+  queue.onAdd = [] { EXPECT_EQ(test::countLog("QS_CT:pauseThread: PAUSE requested"), 1); };
   const std::uint64_t handle = controller->playMediaFromText({"a", "b"}, 13, -7, 6);
   ASSERT_EQ(queue.added.size(), 1U);
-  const qs_ns::QS_PlayRequest& request = *queue.added[0];
-  EXPECT_EQ(request.handle, handle);
-  EXPECT_EQ(request.textToConvert, (std::vector<std::string>{"a", "b"}));
-  EXPECT_STREQ(request.alertFile, "/usr/mbin/data/rt/error_mono.raw");
-  EXPECT_EQ(test::countLog("QS_CT:pauseThread: PAUSE requested"), 1);
+  EXPECT_EQ(queue.added[0].handle, handle);
+  EXPECT_EQ(queue.added[0].texts, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(queue.added[0].alertFile, "/usr/mbin/data/rt/error_mono.raw");
+  EXPECT_EQ(controller->stopMediaPlaying(handle, 0, 0), 3);
+  EXPECT_EQ(queue.stopped, handle);
+  EXPECT_EQ(controller->requestsWaiting(), 1);
+}
+
+TEST_F(Controller, HandsResultAndVolumeOn) {
+  make();
+  const qs_ns::QS_PlayRequest request({"a", "b"}, nullptr, 13, -7, 6);
   controller->reportPlayRequestResult(&request, 1);
   EXPECT_EQ(dbus.last, std::make_tuple(request.textToConvert, 13U, 4294967289U, 6U, 1U,
                                        static_cast<const void*>(&request)));
-  EXPECT_EQ(controller->stopMediaPlaying(handle, 0, 0), 0);
-  EXPECT_EQ(queue.stopped, handle);
+  controller->setVolume(5);
+  EXPECT_EQ(media.volume, 5);
+  EXPECT_EQ(controller->getMediaIF(), &media);
 }
 
-TEST_F(Controller, AfterItsCleanUpItStillAnswersAndIsNotBusy) {
+TEST_F(Controller, EndsTheQueueFirstAndAnswersAfterItsCleanUp) {
   queue.busy = true;
   make();
-  EXPECT_TRUE(controller->isMessageQueueBusy());
+  queue.onStop = [&] {
+    EXPECT_TRUE(controller->isMessageQueueBusy());
+    EXPECT_NE(controller->getFirUpState(), nullptr) << "a writer may still use it";
+  };
   controller->cleanupController();
   controller->cleanupController();
   EXPECT_EQ(queue.stops, 1);
+  EXPECT_EQ(test::countLog("cleanupController: Stopping MessageQueueThread", LOG_WARNING), 1);
   EXPECT_FALSE(controller->isMessageQueueBusy());
   EXPECT_EQ(controller->getCacheThread(), nullptr);
   EXPECT_EQ(controller->getFirUpState(), nullptr);
   EXPECT_NE(controller->playMediaFromText({"late"}, 0, 0, 0), 0U);
-  EXPECT_EQ(test::countLog("mThread is null"), 1);
+  EXPECT_EQ(test::countLog("mThread is null", LOG_ERR), 1);
   EXPECT_TRUE(queue.added.empty());
+  EXPECT_EQ(controller->stopMediaPlaying(1, 0, 0), 0);
+  EXPECT_EQ(controller->requestsWaiting(), 0);
 }
 
 }  // namespace

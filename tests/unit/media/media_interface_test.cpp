@@ -26,6 +26,7 @@ using Calls = std::vector<std::string>;
 struct FakeMediaServer {
   std::map<std::string, int> results;
   Calls calls;
+  const void* data = nullptr;  // of the last send
 
   template <typename... Arguments>
   int call(const std::string& function, Arguments... arguments) {
@@ -66,7 +67,7 @@ TEST_F(MediaInterfaceTest, ConnectsAfreshOrKeepsWhatItHas) {
   EXPECT_EQ(media->getVolume(), 1124);
   EXPECT_EQ(media->getMsAudPlaybackSession(), 4);
 
-  server.results["start"] = 7;
+  server.results["start"] = 0;
   EXPECT_TRUE(media->initializeMSInterface());
   EXPECT_EQ(media->getVolume(), 512);
   EXPECT_EQ(media->getMsAudPlaybackSession(), 0);
@@ -76,21 +77,22 @@ TEST_F(MediaInterfaceTest, ConnectsAfreshOrKeepsWhatItHas) {
 }
 
 TEST_F(MediaInterfaceTest, HasOneSessionAtATime) {
+  server.results["path"] = -1;
   EXPECT_EQ(media->setPathMsAudPlaybackSession(), 0);
   EXPECT_EQ(media->startMsAudPlaybackSession(), -5) << "the server opened none";
   EXPECT_EQ(media->getMsAudPlaybackSession(), 0);
   EXPECT_EQ(test::countLog("Error in starting audio playback session", LOG_ERR), 1);
-  server.results = {{"open", 9}, {"close", -1}};
+  server.results = {{"open", -9}, {"close", -1}};
   EXPECT_EQ(media->startMsAudPlaybackSession(), 0);
   EXPECT_EQ(media->startMsAudPlaybackSession(), 0);
-  EXPECT_EQ(media->getMsAudPlaybackSession(), 9);
+  EXPECT_EQ(media->getMsAudPlaybackSession(), -9) << "whatever is not 0 is a session";
   const auto before = clock.now();
   EXPECT_EQ(media->stopMsAudPlaybackSession(), 0);
   EXPECT_EQ(clock.now() - before, 20ms);
   EXPECT_EQ(media->getMsAudPlaybackSession(), 0);
   EXPECT_EQ(media->stopMsAudPlaybackSession(), 0);
   EXPECT_EQ(clock.now() - before, 20ms) << "there was nothing to close";
-  EXPECT_EQ(server.takeCalls(), Calls({"path 7 10", "open 2", "open 2", "close 9"}));
+  EXPECT_EQ(server.takeCalls(), Calls({"path 7 10", "open 2", "open 2", "close -9"}));
   EXPECT_EQ(test::countLog("audio playback session started successfully", LOG_DEBUG), 1);
   EXPECT_EQ(test::countLog("audio playback session stopped successfully", LOG_DEBUG), 1);
 }
@@ -98,11 +100,14 @@ TEST_F(MediaInterfaceTest, HasOneSessionAtATime) {
 TEST_F(MediaInterfaceTest, HandsOnDataAndLogsOnceForEachSessionThatDies) {
   server.results["send"] = -9;
   EXPECT_EQ(media->playDataMsAudPlaybackSession("", 1), -9);
+  EXPECT_EQ(server.takeCalls(), Calls({"send 0 1"}));
   EXPECT_EQ(test::logLines().size(), 0U) << "no session was lost";
   for (int session = 1; session <= 2; ++session) {
     open(session);
     server.results["send"] = 960;
-    EXPECT_EQ(media->playDataMsAudPlaybackSession("", 960), 960);
+    const char sound[960] = {};
+    EXPECT_EQ(media->playDataMsAudPlaybackSession(sound, 960), 960);
+    EXPECT_EQ(server.data, sound);
     EXPECT_EQ(server.calls, Calls({"send " + std::to_string(session) + " 960"}));
     server.results["send"] = -5;
     for (int i = 0; i < 3; ++i)
@@ -113,8 +118,9 @@ TEST_F(MediaInterfaceTest, HandsOnDataAndLogsOnceForEachSessionThatDies) {
 }
 
 TEST_F(MediaInterfaceTest, MapsLevelsToGains) {
-  const std::pair<int, int> gains[] = {{0, 302},  {2, 512},         {5, 1124},
-                                       {-100, 0}, {60, 2079621960}, {61, INT_MAX}};
+  const std::pair<int, int> gains[] = {{0, 302},     {2, 512},          {5, 1124},
+                                       {-100, 0},    {60, 2079621960},  {61, INT_MAX},
+                                       {INT_MIN, 0}, {INT_MAX, INT_MAX}};
   for (const auto& [level, gain] : gains) {
     media->setVolume(level);
     EXPECT_EQ(media->getVolume(), gain) << level;
@@ -149,7 +155,8 @@ TEST_F(MediaInterfaceTest, EndsAToneAtTheFirstStepThatFails) {
 int ms_start() { return server.call("start"); }
 int ms_stop() { return server.call("stop"); }
 int ms_openAudPlayback(int stream) { return server.call("open", stream); }
-int ms_sendDataToAudPlayback(int handle, const void*, unsigned int bytes) {
+int ms_sendDataToAudPlayback(int handle, const void* data, unsigned int bytes) {
+  server.data = data;
   return server.call("send", handle, bytes);
 }
 int ms_closeAudPlayback(int handle) { return server.call("close", handle); }
