@@ -31,6 +31,7 @@ class BuilderLine {
   /// Starts the builder's thread, or puts it in the place where it is started later; never waits
   /// for another builder. A builder that waited in that place is dropped. 0, or the negative errno
   /// value where there is no thread for it, which is logged; it is then out of the line.
+  /// After `joinAll` nothing is started, and the value is -ECANCELED.
   /// PRECONDITION: the builder started before it is stopped and still held by the caller, who drops
   /// it with no lock held.
   int start(const std::shared_ptr<platform::Thread>& builder);

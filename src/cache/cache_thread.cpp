@@ -76,12 +76,11 @@ int QS_CacheThread::runThread() {
 }
 
 int QS_CacheThread::stopThread() {
-  {
-    const platform::MutexLock lock(restMutex);
-    if (stopped.exchange(true)) return 0;
-    requestExit();
-  }
+  const platform::MutexLock lock(restMutex);
+  if (stopped) return 0;
   syslog(LOG_NOTICE, "QS_CT:%s: STOP requested", "stopThread");
+  stopped = true;
+  requestExit();
   stopAsked.notifyAll();
   return 0;
 }
@@ -140,17 +139,18 @@ bool QS_CacheThread::givesUpSynthesis() {
 }
 
 milliseconds QS_CacheThread::delayBeforeRetry(const cst_wave* wave, const char* text) {
-  // A pause noticed in the last chunk has stopped nothing: the wave is whole, and the pause stays
-  // for the next synthesis.
-  const bool interrupted = gaveWay && isEmpty(wave);
-  if (interrupted) paused = false;
   if (controller->isMessageQueueBusy()) {
     syslog(LOG_WARNING, "QS_CT:%s: Aborted cache and MessageQueue busy. Wait 5 seconds",
            "createCacheEntry");
     return kBusyWait;
   }
-  if (interrupted) return kGaveWayWait;
+  // A pause noticed in the last chunk has stopped nothing: the wave is whole, and the pause stays
+  // for the next synthesis.
   if (!isEmpty(wave)) return milliseconds::zero();
+  if (gaveWay) {
+    paused = false;
+    return kGaveWayWait;
+  }
   syslog(LOG_WARNING, "QS_CT:%s: wav_out=NULL - %s. Wait 10 seconds", "createCacheEntry", text);
   return kNoWaveWait;
 }

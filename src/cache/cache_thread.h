@@ -28,8 +28,9 @@ class QS_CacheThread : public QS_CacheThreadBase,
                        public platform::Thread,
                        public std::enable_shared_from_this<QS_CacheThread> {
  public:
-  /// Empties the static cache and reads the configured speed. With `featureOff` only a short set of
-  /// phrases is built.
+  /// Empties the static cache, for which it takes `cacheMutex`, and reads the configured speed from
+  /// the property store. With `featureOff` only a short set of phrases is built. The builder before
+  /// it has to be stopped, or its phrases come in again.
   QS_CacheThread(QS_ControllerBase* owner, bool featureIsOff, BuilderLine& turns);
   /// Reports to the controller, which may take its locks.
   ~QS_CacheThread() override;
@@ -48,8 +49,9 @@ class QS_CacheThread : public QS_CacheThreadBase,
   int getDynamicPhraseCacheSize() override;
   void clearDynamicPhraseCache() override;
 
-  /// One step on the builder's own thread: synthesises the phrase at `index` and stores it, or
-  /// waits, for the same phrase to be tried again. False where the builder is to end.
+  /// One step on the builder's own thread: synthesises the phrase at `index` (0 or more) and stores
+  /// it, or waits, for the same phrase to be tried again. False where the builder is to end, at a
+  /// stop and behind the list.
   bool createCacheEntry(int index);
 
   /// Asked on the builder's own thread during a synthesis: is it to be given up? Remembers whether

@@ -13,8 +13,8 @@
 
 namespace qs_ns {
 
-/// Guards `dequeDynamicPhraseCache`. Innermost: nothing is taken, copied or freed under it but the
-/// counted pointers of the records.
+/// Guards `dequeDynamicPhraseCache`. Innermost: under it the records' texts and counted pointers
+/// are copied, and no samples are copied or freed.
 extern platform::Mutex dynamicCacheMutex;
 
 /// The texts spoken last, the least recently used at the front. One for the process; outlives the
@@ -33,7 +33,8 @@ namespace dynamic_cache {
 /// `clear`, it keeps out whatever was synthesised before. False where nothing was stored.
 bool add(std::string text, const Wave& wave, const std::atomic<bool>& refused)
     EXCLUDES(dynamicCacheMutex);
-/// Moves the text to the newest end with these samples; false where it is not there.
+/// Moves the text to the newest end with these samples; false where it is not there or `count` is
+/// 0.
 bool refresh(std::string text, std::shared_ptr<const std::int16_t[]> samples, int count)
     EXCLUDES(dynamicCacheMutex);
 bool contains(const std::string& text) EXCLUDES(dynamicCacheMutex);

@@ -142,9 +142,11 @@ void QS_StreamTTSThread::streamText(const std::string& text, QS_StreamUserData& 
 }
 
 bool QS_StreamTTSThread::writeFromCaches(const std::string& text, QS_CacheThreadBase* cache) {
+  // Outlives the lock, since a reload may make it the last holder of the samples.
+  DynamicPhraseCache entry;
   const platform::MutexLock hold(cacheMutex);
   return (controller->isCacheEnabled() && writeFromStaticCache(text)) ||
-         (cache != nullptr && writeFromDynamicCache(text, *cache));
+         (cache != nullptr && writeFromDynamicCache(text, *cache, entry));
 }
 
 bool QS_StreamTTSThread::writeFromStaticCache(const std::string& text) {
@@ -156,11 +158,12 @@ bool QS_StreamTTSThread::writeFromStaticCache(const std::string& text) {
   return true;
 }
 
-bool QS_StreamTTSThread::writeFromDynamicCache(const std::string& text, QS_CacheThreadBase& cache) {
+bool QS_StreamTTSThread::writeFromDynamicCache(const std::string& text, QS_CacheThreadBase& cache,
+                                               DynamicPhraseCache& entry) {
   if (!cache.isInDynamicCache(text)) return false;
   syslog(LOG_DEBUG, "%s: Dynamic text match found - text length=%d text=%s", "executeStream",
          static_cast<int>(text.size()), text.c_str());
-  const DynamicPhraseCache entry = cache.getDynamicCache(text);
+  entry = cache.getDynamicCache(text);
   // A reload may have emptied the cache between the two.
   if (entry.samples == nullptr || entry.count == 0) return false;
   writeToMS(0, entry.count, entry.samples.get(), 1);

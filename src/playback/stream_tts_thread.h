@@ -17,6 +17,7 @@ namespace qs_ns {
 
 class QS_CacheThreadBase;
 class QS_ControllerBase;
+struct DynamicPhraseCache;
 struct QS_StreamUserData;
 
 /// The streaming side of one request, as the speech engine's callback and the play queue see it.
@@ -64,8 +65,8 @@ class QS_StreamTTSThread final : public QS_StreamTTSThreadBase, public platform:
   void streamText(const std::string& text, QS_StreamUserData& userData);
   bool writeFromCaches(const std::string& text, QS_CacheThreadBase* cache);
   bool writeFromStaticCache(const std::string& text) REQUIRES(cacheMutex);
-  bool writeFromDynamicCache(const std::string& text, QS_CacheThreadBase& cache)
-      REQUIRES(cacheMutex);
+  bool writeFromDynamicCache(const std::string& text, QS_CacheThreadBase& cache,
+                             DynamicPhraseCache& entry) REQUIRES(cacheMutex);
   void synthesise(const std::string& text, QS_StreamUserData& userData, QS_CacheThreadBase* cache);
   /// Waits until the writer has caught up; non-zero where the request was stopped meanwhile.
   int waitForRoom();

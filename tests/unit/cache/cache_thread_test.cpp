@@ -1,5 +1,6 @@
 #include "cache/cache_thread.h"
 
+#include <sys/resource.h>
 #include <syslog.h>
 
 #include <chrono>
@@ -37,15 +38,21 @@ TEST(CacheThread, BuildsItsSetOfPhrasesInTheOrderOfTheList) {
   } const rows[] = {{false, 0, kPhraseCount}, {true, 40, 2}};
   for (const auto& row : rows) {
     Scene scene;
+    int nice = -1;
+    scene.speech.at = [&](int synthesis, Stage) {
+      if (synthesis == 0) nice = getpriority(PRIO_PROCESS, 0);
+    };
     scene.controller.restart(row.featureOff);
     ASSERT_TRUE(
         waitForLog("QS_CT:threadLoop: Number of phrases in cache:" + std::to_string(row.count)));
+    EXPECT_EQ(nice, getpriority(PRIO_PROCESS, 0) + 6);
     const auto* first = cachePhraseList.data() + row.first;
     EXPECT_EQ(scene.speech.texts(), Texts(first, first + row.count));
     EXPECT_EQ(phraseCount(), row.count);
     const qs_ns::PhraseSamples last = phrase(first[row.count - 1]);
     ASSERT_EQ(last.count, FakeSpeech::kSamples);
-    EXPECT_EQ(last.samples[FakeSpeech::kSamples - 1], row.count - 1);
+    EXPECT_EQ(last.samples[0], row.count - 1);
+    EXPECT_EQ(last.samples[FakeSpeech::kSamples - 1], row.count - 1 + FakeSpeech::kLastSample);
     EXPECT_EQ(warnings(), Texts{});
     EXPECT_EQ(
         countLog("cache_audio_stream_chunk:,Finished TTS stream. Total samples:1200", LOG_DEBUG),
@@ -64,19 +71,26 @@ TEST(CacheThread, TriesAPhraseAgainAfterTheWaitThatItsFailureAsksFor) {
     Stage pauseAt = Stage::none;  // in the first synthesis
     int busyCall = -1;            // the one question whose answer is yes
     Outcome outcome = Outcome::whole;
-    std::chrono::nanoseconds wait{};
+    std::vector<std::chrono::nanoseconds> waits{};
     Texts warnings{}, texts{};
   };
   const Row rows[] = {
-      {.name = "paused early", .pauseAt = Stage::start, .wait = 200ms, .texts = kAgain},
-      {.name = "paused", .pauseAt = Stage::middle, .wait = 200ms, .texts = kAgain},
-      {.name = "paused late", .pauseAt = Stage::last, .wait = 200ms, .texts = {"8", "9", "9"}},
-      {.name = "paused after", .pauseAt = Stage::done, .wait = 200ms, .texts = {"8", "9", "9"}},
-      {"paused, then busy", Stage::middle, 1, Outcome::whole, 5s, {kBusyAfter}, kAgain},
-      {"busy before", Stage::none, 0, Outcome::whole, 5s, {kBusyBefore}, {"8", "9"}},
-      {"busy after", Stage::none, 1, Outcome::whole, 5s, {kBusyAfter}, kAgain},
-      {"no wave", Stage::none, -1, Outcome::null, 10s, {kNoWave}, kAgain},
-      {"empty wave", Stage::none, -1, Outcome::empty, 10s, {kNoWave}, kAgain},
+      {.name = "paused early", .pauseAt = Stage::start, .waits = {200ms}, .texts = kAgain},
+      {.name = "paused", .pauseAt = Stage::middle, .waits = {200ms}, .texts = kAgain},
+      {.name = "paused late", .pauseAt = Stage::last, .waits = {200ms}, .texts = {"8", "9", "9"}},
+      {.name = "paused after", .pauseAt = Stage::done, .waits = {200ms}, .texts = {"8", "9", "9"}},
+      // The pause stays for the first synthesis after the busy time.
+      {"paused, then busy",
+       Stage::middle,
+       1,
+       Outcome::whole,
+       {5s, 200ms},
+       {kBusyAfter},
+       {"8", "8", "8", "9"}},
+      {"busy before", Stage::none, 0, Outcome::whole, {5s}, {kBusyBefore}, {"8", "9"}},
+      {"busy after", Stage::none, 1, Outcome::whole, {5s}, {kBusyAfter}, kAgain},
+      {"no wave", Stage::none, -1, Outcome::null, {10s}, {kNoWave}, kAgain},
+      {"empty wave", Stage::none, -1, Outcome::empty, {10s}, {kNoWave}, kAgain},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -92,7 +106,8 @@ TEST(CacheThread, TriesAPhraseAgainAfterTheWaitThatItsFailureAsksFor) {
     };
     scene.controller.busy = [&](int call) { return call == row.busyCall; };
     scene.controller.restart(true);
-    EXPECT_EQ(clock.advanceToNextDeadline(), row.wait);
+    for (const auto wait : row.waits)
+      EXPECT_EQ(clock.advanceToNextDeadline(), wait);
     EXPECT_TRUE(waitForLog("Number of phrases in cache:2"));
     EXPECT_EQ(scene.speech.texts(), row.texts);
     EXPECT_EQ(warnings(), row.warnings);
@@ -166,6 +181,7 @@ TEST(CacheThread, EndsAtOnceWhereverAStopFindsIt) {
     }
     scene.controller.line.joinAll();
     EXPECT_EQ(scene.speech.texts().size(), row.syntheses);
+    EXPECT_EQ(scene.speech.begun, row.stopAt == Stage::start ? 0 : row.syntheses);
     EXPECT_EQ(countLog("Finished TTS stream"), row.finished);
     EXPECT_EQ(phraseCount(), 0);
     EXPECT_EQ(countLog("QS_CT:createCacheEntry: Detect CacheThread stopped. Terminating"),
@@ -186,7 +202,7 @@ TEST(CacheThread, ReplacesAPhraseAndLeavesSamplesHandedOutAlone) {
   EXPECT_EQ(phrase(cachePhraseList[0]).samples[0], 1);
   scene.makeBuilder();
   EXPECT_EQ(phraseCount(), 0);
-  EXPECT_EQ(before.samples[FakeSpeech::kSamples - 1], 0);
+  EXPECT_EQ(before.samples[FakeSpeech::kSamples - 1], FakeSpeech::kLastSample);
 }
 
 TEST(CacheThread, EndsBehindTheListWithoutASynthesis) {

@@ -92,7 +92,8 @@ TEST_F(DynamicPhraseCacheTest, RefusesWhatItCannotKeepAndSaysWhy) {
        "QS_CT:addDynamicCacheEntry: wave=NULL"},
       {"empty wave", add("A", 0), false, "QS_CT:addDynamicCacheEntry: wave=NULL"},
       {"too long", add("A", kLongest + 1), false, nullptr},
-      {"another case and a blank", dynamic_cache::contains("hold "), false, nullptr},
+      {"another case", dynamic_cache::contains("hold"), false, nullptr},
+      {"another length", dynamic_cache::contains("Hold "), false, nullptr},
       {"look for nothing", dynamic_cache::contains(""), false,
        "QS_CT:isInDynamicCache: text is empty"},
       {"get nothing", dynamic_cache::get("").count != 0, false,
@@ -125,6 +126,7 @@ TEST_F(DynamicPhraseCacheTest, LeavesSamplesHandedOutAloneWhateverHappensToTheTe
   ASSERT_EQ(record.count, 100);
   EXPECT_TRUE(dynamic_cache::refresh("A", std::make_shared<std::int16_t[]>(5), 5));
   EXPECT_EQ(dynamic_cache::get("A").count, 5);
+  EXPECT_EQ(dynamic_cache::get("A").samples[0], 0) << "the new sound";
   for (const char* text : {"B", "C", "D", "E", "F", "G", "H", "I", "J", "K"})
     add(text);
   EXPECT_FALSE(dynamic_cache::contains("A"));

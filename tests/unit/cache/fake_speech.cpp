@@ -60,9 +60,11 @@ qs_ns::Wave FakeSpeech::speak(int number, qs_ns::StreamCallback callback,
                               qs_ns::QS_StreamUserData& userData) {
   at(number, Stage::start);
   if (userData.abandoned(userData)) return makeWave(0, 0);
+  ++begun;
   const Outcome ending = outcome(number);
   if (ending == Outcome::null) return nullptr;
   qs_ns::Wave wave = makeWave(kSamples, static_cast<short>(number));
+  wave->samples[kSamples - 1] = static_cast<short>(number + kLastSample);
   cst_audio_streaming_info info{};
   info.userdata = &userData;
   constexpr int kChunk = kSamples / 3;

@@ -24,10 +24,12 @@ qs_ns::Wave makeWave(int samples, short value);
 int liveWaves();
 
 /// The speech engine of this program: every text gives three chunks of 400 samples of its number,
-/// abandoned as the real engine abandons. One exists at a time; set it up before its callers run.
+/// the very last of which is `kLastSample` more, abandoned as the real engine abandons. One exists
+/// at a time; set it up before its callers run.
 class FakeSpeech {
  public:
   static constexpr int kSamples = 1200;
+  static constexpr int kLastSample = 1000;
   static constexpr int kSpeed = 4;
 
   FakeSpeech();
@@ -36,6 +38,9 @@ class FakeSpeech {
   /// Called at every stage of the n-th synthesis (from 0), on the thread that synthesises.
   std::function<void(int synthesis, Stage stage)> at = [](int, Stage) {};
   std::function<Outcome(int synthesis)> outcome = [](int) { return Outcome::whole; };
+
+  /// How many syntheses were not given up before they began.
+  std::atomic<int> begun{0};
 
   /// The texts asked for so far, in order.
   std::vector<std::string> texts();

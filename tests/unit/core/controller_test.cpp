@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "cache/static_phrase_cache.h"
 #include "core/interfaces/bus_release.h"
 #include "fake_speech.h"
 #include "link_seams.h"
@@ -128,6 +129,9 @@ TEST_F(Controller, ABuilderThatEndsTakesNothingButItselfAway) {
   };
   make();
   gate.awaitArrival();
+  // A new builder empties the cache, into which the old one must not put anything any more.
+  test::beforeNextLock(&qs_ns::cacheMutex,
+                       [old = controller->getCacheThread()] { EXPECT_TRUE(old->isStopped()); });
   for (int i = 0; i < 3; ++i)
     controller->reloadConfig(0);
   const char* const gone = "reportCachingComplete: cacheThread destroyed and cleared";

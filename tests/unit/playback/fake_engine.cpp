@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "cache/static_phrase_cache.h"
+
 namespace test {
 
 namespace {
@@ -27,6 +29,8 @@ FakeEngine::~FakeEngine() {
 qs_ns::Wave FakeEngine::synthesise(const char* text, qs_ns::StreamCallback callback,
                                    qs_ns::QS_StreamUserData* userData) {
   lastUserData = *userData;
+  // The bus thread may want it, so it is not to be held here; taken twice, it would end the test.
+  { const platform::MutexLock free(qs_ns::cacheMutex); }
   if (userData->beforePiece(*userData) != 0 || userData->abandoned(*userData)) {
     return makeWave(0, 0);
   }

@@ -107,6 +107,13 @@ TEST_F(Streaming, SynthesisesEachTextOnceAndOffersItToTheDynamicCache) {
             static_cast<std::size_t>(2 * kFramed - FakeEngine::kChunkSamples + 80));
 }
 
+TEST_F(Streaming, OffersATextToTheBuilderInWhichItMissedIt) {
+  engine.onChunk = [&](const std::string&, int) { controller.cache = nullptr; };
+  make({"P"});
+  EXPECT_EQ(finish(), std::vector<int>{0});
+  EXPECT_EQ(cache->added, std::vector<std::string>{"P"});
+}
+
 TEST_F(Streaming, TakesTextsFromTheStaticThenTheDynamicCache) {
   controller.cacheEnabled = true;
   {
