@@ -24,7 +24,7 @@ constexpr char kPath[] = "/com/wexel/Quillspeak";
 constexpr char kInterface[] = "com.wexel.QuillspeakInterface1";
 constexpr std::chrono::seconds kPatience{30};
 
-Deadline after(std::chrono::seconds time) {
+Deadline after(std::chrono::milliseconds time) {
   return std::chrono::steady_clock::now() + time;
 }
 
@@ -90,14 +90,14 @@ void PrivateBus::kill() {
   process->wait();
 }
 
-Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, Options options)
+Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, const Options& options)
     : logFile(folder / "log") {
   std::filesystem::create_directory(folder / "files");
   std::filesystem::create_directory(folder / "run");
   writeFile(folder / "properties.conf", options.properties);
   // The debug level, which is off by itself, shows what tests look for.
   writeFile(folder / "trace.conf", "baseseverity = 7\n");
-  std::ofstream(logFile, std::ios::app);
+  const std::ofstream created(logFile, std::ios::app);
   const std::string audio = options.audio.empty() ? "wav:" + (folder / "sound.wav") : options.audio;
   process = std::make_unique<ChildProcess>(
       QUILLSPEAK_DAEMON, options.arguments,
@@ -172,7 +172,7 @@ Client::Client(const std::string& busAddress) {
 }
 
 template <typename Done>
-bool Client::processUntil(Done done, std::chrono::seconds limit) {
+bool Client::processUntil(Done done, std::chrono::milliseconds limit) {
   const Deadline deadline = after(limit);
   for (;;) {
     while (sd_bus_process(bus(), nullptr) > 0) {
@@ -309,6 +309,10 @@ int Client::onResult(sd_bus_message* message, void* self, sd_bus_error*) {
 int Client::onFetched(sd_bus_message* message, void* self, sd_bus_error*) {
   static_cast<Client*>(self)->fetched.push_back(readReply(message, "i"));
   return 0;
+}
+
+void Client::listen(std::chrono::milliseconds time) {
+  processUntil([] { return false; }, time);
 }
 
 std::optional<PlayResult> Client::awaitResult(std::uint64_t handle) {

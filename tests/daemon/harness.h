@@ -38,7 +38,7 @@ class Daemon {
     std::vector<std::string> arguments;
   };
 
-  Daemon(const ScratchFolder& folder, const std::string& busAddress, Options options);
+  Daemon(const ScratchFolder& folder, const std::string& busAddress, const Options& options);
 
   pid_t id() const { return process->id(); }
   void signal(int number) const;
@@ -97,6 +97,8 @@ class Client {
   Reply call(const char* interface, const char* method, const char* signature = "", ...);
   std::string introspect();
 
+  /// Takes in what comes, for so long.
+  void listen(std::chrono::milliseconds time);
   /// Waits for the result of that request; nothing after 30 s.
   std::optional<PlayResult> awaitResult(std::uint64_t handle);
   /// Waits until so many results have come; false after 30 s.
@@ -117,7 +119,7 @@ class Client {
   static int onFetched(sd_bus_message* message, void* self, sd_bus_error* error);
   Reply finish(sd_bus_message* call, const char* resultType);
   template <typename Done>
-  bool processUntil(Done done, std::chrono::seconds limit);
+  bool processUntil(Done done, std::chrono::milliseconds limit);
 
   std::unique_ptr<sd_bus, Close> connection;
   std::vector<PlayResult> received;

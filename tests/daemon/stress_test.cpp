@@ -1,0 +1,355 @@
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <string>
+#include <string_view>
+
+#include <gtest/gtest.h>
+
+#include "daemon/fixture.h"
+#include "playback/precedence.h"
+
+// Four clients that do at random what clients do, for as many requests as are asked for:
+//   daemon_stress_test --requests=20000 --seed=7
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::microseconds;
+
+int requestsWanted = 1000;
+unsigned seed = std::random_device()();
+
+/// What is known of a request whose handle a client was given.
+struct Sent {
+  test::PlayResult asked;
+  bool stopAnswered = false;
+  /// Has a request come since to which it gives way?
+  bool mayBeDisplaced = false;
+  int results = 0;
+};
+
+/// What the process holds.
+struct Holdings {
+  long residentKiB = 0;
+  long descriptors = 0;
+  long threads = 0;
+};
+
+Holdings holdingsOf(pid_t process) {
+  const std::string folder = "/proc/" + std::to_string(process);
+  const auto entries = [&](const char* name) {
+    return std::distance(std::filesystem::directory_iterator(folder + name), {});
+  };
+  Holdings found{0, entries("/fd"), entries("/task")};
+  std::ifstream status(folder + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("VmRSS:")) found.residentKiB = std::stol(line.substr(6));
+  return found;
+}
+
+microseconds median(std::vector<microseconds> times) {
+  std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
+  return times[times.size() / 2];
+}
+
+class Stress : public test::DaemonTest {
+ protected:
+  void SetUp() override {
+    std::printf("seed %u\n", seed);
+    start({.properties = "device.accessibility.qs_enabled = true\n", .audio = {}, .arguments = {}});
+    for (int i = 0; i < 3; ++i)
+      others.push_back(std::make_unique<test::Client>(bus.address()));
+    test::writeFile(folder / "files/error_mono.raw", std::string(3200, '\x10'));
+  }
+
+  int below(int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); }
+  std::uint32_t anyBits() { return static_cast<std::uint32_t>(random()); }
+  test::Client& anyClient() {
+    const int i = below(4);
+    return i == 0 ? *client : *others[static_cast<std::size_t>(i) - 1];
+  }
+
+  void act();
+  void play();
+  void burst();
+  void stopOne();
+  void stop(std::uint64_t handle);
+  void stopSoon();
+  void noteSent(const test::PlayResult& asked);
+  void takeResults();
+  void settle();
+  Holdings holdingsAtRest();
+  test::PlayResult randomRequest();
+  template <typename Call>
+  auto timed(Call call);
+
+  std::mt19937 random{seed};
+  std::vector<std::unique_ptr<test::Client>> others;
+  std::map<std::uint64_t, Sent> sent;
+  std::vector<microseconds> callTimes;
+  std::size_t resultsTaken = 0;
+  std::uint64_t lastReported = 0;
+  int conversions = 0;
+  int requests = 0;
+};
+
+template <typename Call>
+auto Stress::timed(Call call) {
+  const auto asked = std::chrono::steady_clock::now();
+  auto result = call();
+  callTimes.push_back(
+      std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now() - asked));
+  return result;
+}
+
+test::PlayResult Stress::randomRequest() {
+  static const std::vector<std::string> texts = {
+      "a",
+      "on",
+      "Settings",
+      "nine",
+      "Battery low, please charge",
+      "",
+      "a longer text that is seldom heard to its end because something newer comes along"};
+  test::PlayResult request;
+  for (int i = below(4); i > 0; --i)
+    request.texts.push_back(texts[random() % texts.size()]);
+  // Protected ones play to their end, so they are few; all other bits come as they like.
+  request.flags = anyBits() & (below(40) == 0 ? ~0U : ~2U);
+  request.params = anyBits();
+  request.type = anyBits();
+  return request;
+}
+
+void Stress::noteSent(const test::PlayResult& asked) {
+  ++requests;
+  for (auto& [handle, older] : sent)
+    older.mayBeDisplaced |= qs_ns::givesWay(static_cast<std::int32_t>(older.asked.flags),
+                                            static_cast<std::int32_t>(asked.flags));
+  EXPECT_TRUE(sent.try_emplace(asked.handle, Sent{asked}).second) << "a handle given out twice";
+}
+
+void Stress::play() {
+  test::PlayResult asked = randomRequest();
+  const bool nothingToSay =
+      (asked.flags & 4) == 0 && std::all_of(asked.texts.begin(), asked.texts.end(),
+                                            [](const std::string& text) { return text.empty(); });
+  const test::Reply reply = timed([&] {
+    return anyClient().play(asked.texts, static_cast<std::int32_t>(asked.flags),
+                            static_cast<std::int32_t>(asked.params),
+                            static_cast<std::int32_t>(asked.type));
+  });
+  if (nothingToSay) {
+    EXPECT_EQ(reply.value, 0U);
+  } else if (!reply.error.empty()) {
+    EXPECT_EQ(reply.error, "org.freedesktop.DBus.Error.LimitsExceeded") << reply.message;
+    settle();
+  } else {
+    asked.handle = reply.value;
+    noteSent(asked);
+  }
+}
+
+/// A key held down.
+void Stress::burst() {
+  for (int i = 2 + below(10); i > 0; --i)
+    play();
+}
+
+void Stress::stop(std::uint64_t handle) {
+  test::Client& caller = anyClient();
+  const test::Reply reply = timed([&] { return caller.stop(handle); });
+  EXPECT_EQ(reply.error, "");
+  // What was decided before came before the reply.
+  takeResults();
+  if (const auto found = sent.find(handle); found != sent.end()) found->second.stopAnswered = true;
+}
+
+void Stress::stopOne() {
+  if (sent.empty() || below(8) == 0) {
+    stop(random());
+    return;
+  }
+  // Most often one of the newest, which plays or waits; else an old one, which may be gone.
+  auto chosen = std::prev(sent.end());
+  for (int i = below(below(4) == 0 ? 40 : 3); i > 0 && chosen != sent.begin(); --i)
+    --chosen;
+  stop(chosen->first);
+}
+
+/// Stops what plays alone, and measures what sounds after the answer.
+void Stress::stopSoon() {
+  settle();
+  test::PlayResult asked;
+  asked.texts = {test::longText().substr(0, 1000)};
+  asked.handle = client->play(asked.texts).value;
+  noteSent(asked);
+  const std::size_t before = recording().size();
+  EXPECT_TRUE(test::waitForFile(folder / "sound.wav",
+                                [&] { return recording().size() > before + 480 * 5; }));
+  stop(asked.handle);
+  const std::size_t atAnswer = recording().size();
+  EXPECT_TRUE(client->awaitResult(asked.handle).has_value());
+  // What a stop may still send is 40 ms, and the output holds 20 ms.
+  EXPECT_LE(recording().size(), atAnswer + 48 * 60);
+}
+
+void Stress::takeResults() {
+  const auto& all = client->results();
+  for (; resultsTaken < all.size(); ++resultsTaken) {
+    const test::PlayResult& result = all[resultsTaken];
+    SCOPED_TRACE(testing::Message() << "result " << result.resultCode << " of " << result.handle);
+    EXPECT_GT(result.handle, lastReported) << "reported twice, or out of the order of playing";
+    lastReported = result.handle;
+    // A signal may overtake the reply on another connection, but no call has been left open.
+    const auto found = sent.find(result.handle);
+    ASSERT_NE(found, sent.end());
+    Sent& request = found->second;
+    ++request.results;
+    EXPECT_EQ(result.texts, request.asked.texts);
+    EXPECT_EQ(result.params, request.asked.params);
+    EXPECT_EQ(result.type, request.asked.type);
+    EXPECT_EQ(result.flags, request.asked.flags);
+    if (result.resultCode == 0) {
+      EXPECT_FALSE(request.stopAnswered) << "0 after the stop was answered";
+    } else {
+      EXPECT_EQ(result.resultCode, 1U);
+      EXPECT_TRUE(request.stopAnswered || request.mayBeDisplaced) << "stopped by nobody";
+    }
+  }
+}
+
+/// Waits until nothing plays or waits, and looks back on what was sent.
+void Stress::settle() {
+  // Protected requests that pile up would take minutes.
+  for (auto& [handle, request] : sent)
+    if (request.results == 0 && !request.stopAnswered && (request.asked.flags & 2) != 0) {
+      if (below(3) != 0) stop(handle);
+    }
+  test::PlayResult last;
+  last.texts = {"on"};
+  last.flags = 2;
+  last.handle = client->play(last.texts, 2).value;
+  ASSERT_NE(last.handle, 0U);
+  noteSent(last);
+  ASSERT_TRUE(client->awaitResult(last.handle).has_value());
+  takeResults();
+  EXPECT_EQ(lastReported, last.handle);
+  for (const auto& [handle, request] : sent)
+    EXPECT_TRUE(request.results == 1 || request.stopAnswered || request.mayBeDisplaced)
+        << handle << " was lost";
+  sent.clear();
+}
+
+/// With nothing to do, the list of phrases cached and no other text.
+Holdings Stress::holdingsAtRest() {
+  settle();
+  if (test::kSlowBuild) return holdingsOf(daemon->id());
+  const std::string listDone = "Number of phrases in cache:51";
+  const int before = daemon->countLog(listDone);
+  client->reload(0);
+  EXPECT_TRUE(daemon->waitForLog(listDone, before + 1));
+  return holdingsOf(daemon->id());
+}
+
+void Stress::act() {
+  switch (const int action = below(100); action) {
+    case 0:
+      stopSoon();
+      break;
+    case 1:
+      settle();
+      break;
+    case 2:
+    case 3:
+      timed([&] { return anyClient().reload(2 * below(5)); });
+      break;
+    case 4:
+    case 5:
+      timed([&] { return anyClient().setVolume(below(12) - 3); });
+      break;
+    case 6:
+      ++conversions;
+      client->fetchLater("a short text for a file", folder / "converted.wav");
+      break;
+    case 7:
+    case 8:
+      timed([&] { return anyClient().property("State"); });
+      break;
+    case 9:
+    case 10:
+    case 11:
+      client->listen(std::chrono::milliseconds(below(150)));
+      takeResults();
+      break;
+    default:
+      if (action < 40) {
+        stopOne();
+      } else if (action < 50) {
+        burst();
+      } else {
+        play();
+      }
+  }
+}
+
+TEST_F(Stress, NothingIsLostDoubledOrKept) {
+  Holdings early;
+  std::size_t callsEarly = 0;
+  while (requests < requestsWanted && !HasFailure()) {
+    act();
+    if (early.threads == 0 && requests >= requestsWanted / 10) {
+      early = holdingsAtRest();
+      callsEarly = callTimes.size();
+    }
+  }
+  settle();
+  for (const test::Reply& reply : client->awaitFetched(static_cast<std::size_t>(conversions)))
+    EXPECT_EQ(reply.error, "");
+  const auto& seen = client->results();
+  // The session of the last one may still be closing.
+  ASSERT_TRUE(daemon->waitForLog("Call stopMsAudPlaybackSession", static_cast<int>(seen.size())));
+  EXPECT_EQ(daemon->countLog("Request handled for text"), static_cast<int>(seen.size()))
+      << "began to sound and were reported";
+  for (const auto& other : others) {
+    ASSERT_TRUE(other->awaitResults(seen.size()));
+    EXPECT_EQ(other->results().size(), seen.size());
+  }
+
+  const Holdings late = holdingsAtRest();
+  const auto half = callTimes.begin() + static_cast<std::ptrdiff_t>(callsEarly);
+  const microseconds first = median({callTimes.begin(), half});
+  const microseconds rest = median({half, callTimes.end()});
+  std::printf(
+      "%d requests, %zu calls, %zu results, %d conversions; after a tenth and at the end: "
+      "resident %ld and %ld KiB, descriptors %ld and %ld, threads %ld and %ld, "
+      "median of a call %ld and %ld us\n",
+      requests, callTimes.size(), seen.size(), conversions, early.residentKiB, late.residentKiB,
+      early.descriptors, late.descriptors, early.threads, late.threads, long{first.count()},
+      long{rest.count()});
+  EXPECT_EQ(late.descriptors, early.descriptors);
+  EXPECT_LE(late.threads, early.threads);
+  EXPECT_LE(rest, 2 * first + 1ms);
+  // In fewer the heap has not found its size; a sanitizer keeps what was freed.
+  if (requestsWanted >= 20000 && !test::kSlowBuild) {
+    EXPECT_LE(late.residentKiB, early.residentKiB + 1024);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  for (const std::string_view argument : std::vector<std::string_view>(argv + 1, argv + argc)) {
+    if (argument.starts_with("--requests=")) requestsWanted = std::atoi(argument.data() + 11);
+    if (argument.starts_with("--seed="))
+      seed = static_cast<unsigned>(std::atol(argument.data() + 7));
+  }
+  return RUN_ALL_TESTS();
+}
