@@ -31,7 +31,7 @@ std::string runDirectory() {
   const std::string chosen = environmentOr("QUILLSPEAK_RUN_DIR", "");
   if (!chosen.empty()) return publicFolder(chosen);
   if (geteuid() == 0 || access(kSystemFolder, W_OK) == 0) return publicFolder(kSystemFolder);
-  const std::string session = environmentOr("XDG_RUNTIME_DIR", "");
+  std::string session = environmentOr("XDG_RUNTIME_DIR", "");
   // The variable may be that of another session, whose folder is gone.
   std::error_code ignored;
   if (std::filesystem::is_directory(session, ignored)) return session;

@@ -28,12 +28,14 @@ class QS_StreamTTSThreadBase {
   /// Queues a copy of new samples for the writer: samples[start, start + size), or from 0 where the
   /// text is to be heard from its first sample on and none of it was written yet. Always 0.
   virtual int writeToMS(int start, int size, const std::int16_t* samples, int last) = 0;
+  /// Lives as long as this object. Any thread.
   virtual const QS_PlayRequest* getPlayRequest() const = 0;
   /// Ends the request, unless it has its result already. Never blocks. Other threads hold the play
   /// queue's control lock, so that the object lives. Always 0.
   virtual int stopThread() = 0;
+  /// Has a stop decided its result? Any thread.
   virtual bool isStopped() const = 0;
-  /// Plays the request; returns when its writer has ended. Always 0.
+  /// Plays the request; returns when its writer has ended. Once per object. Always 0.
   virtual int executeStream() = 0;
 };
 

@@ -18,8 +18,8 @@ enum class TakeResult { item, timedOut, exhausted };
 
 /// First in, first out between threads. `T` is an owning pointer; an empty one means nothing. Items
 /// still queued when the queue dies die with it. Every operation takes the queue's own lock, under
-/// which nothing is called but a caller's `matches`, which takes no lock; so callers may hold
-/// theirs.
+/// which nothing is called but the clock and a caller's `matches`, which take none of the daemon's;
+/// so callers may hold theirs.
 ///
 /// An item may carry a load (samples, say), for the queue never looks at the item itself.
 template <typename T>

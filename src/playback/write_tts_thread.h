@@ -14,7 +14,7 @@ namespace qs_ns {
 /// The real-time end of one request: takes sample blocks from its queue, cuts them into 10 ms
 /// frames and plays them at the pace of the media server, then the alert if asked for, and reports
 /// result 0. Created, started, joined and destroyed by the streaming object, on the play queue
-/// thread. It ends when the queue is exhausted, or at the next frame once stopped.
+/// thread. It ends when the queue is exhausted, or at the next frame or take once stopped.
 class QS_WriteTTSThread final : public platform::Thread {
  public:
   /// None of them is owned; all outlive the writer.
@@ -28,7 +28,9 @@ class QS_WriteTTSThread final : public platform::Thread {
   /// Ends the request. Called with the outcome's lock held; never blocks. A writer that waits for
   /// samples sees it when its queue is marked exhausted.
   void stop() { stopped = true; }
-  /// Feeds the media server with silence while nothing is queued, or no longer. Streaming side.
+  /// From the next take on, feeds the media server with silence while nothing is queued, or no
+  /// longer. A writer that has run dry before waits for the next block in silence of its own.
+  /// Streaming side.
   void setSendSilence(bool wanted) { sendSilence = wanted; }
 
  protected:

@@ -78,9 +78,11 @@ Reply readReply(sd_bus_message* reply, const char* resultType) {
 PrivateBus::PrivateBus(const ScratchFolder& folder) : socket(folder / "bus") {
   unlink(socket.c_str());
   writeFile(folder / "bus.conf", busConfiguration(socket));
+  // It goes with the test also where that is killed, and the daemon goes with it.
   process = std::make_unique<ChildProcess>(
-      "/usr/bin/dbus-daemon", std::vector<std::string>{"--nofork", "--print-address=1",
-                                                       "--config-file=" + (folder / "bus.conf")});
+      "/usr/bin/setpriv",
+      std::vector<std::string>{"--pdeathsig", "KILL", "/usr/bin/dbus-daemon", "--nofork",
+                               "--print-address=1", "--config-file=" + (folder / "bus.conf")});
   // It prints its address once it listens.
   process->readByte();
 }

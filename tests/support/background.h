@@ -1,10 +1,15 @@
 #pragma once
 
+#include <unistd.h>
+
 #include <atomic>
 #include <optional>
+#include <string>
 #include <thread>
 #include <type_traits>
 #include <utility>
+
+#include "support/scratch_folder.h"
 
 namespace test {
 
@@ -17,6 +22,7 @@ class Background {
 
   explicit Background(Function function)
       : thread([this, work = std::move(function)]() mutable {
+          id = gettid();
           if constexpr (std::is_void_v<Result>) {
             work();
           } else {
@@ -30,6 +36,18 @@ class Background {
 
   bool hasEnded() const { return ended; }
 
+  /// Returns once the function has ended (true) or sleeps, on a lock or a condition say (false):
+  /// once it did so at several looks in a row.
+  bool endsWithoutSleep() const {
+    for (int looks = 0; looks < 3 && !ended; std::this_thread::yield()) {
+      const std::string status = readFile("/proc/self/task/" + std::to_string(id) + "/stat");
+      const std::size_t name = status.rfind(')');
+      const bool sleeps = name != std::string::npos && status[name + 2] == 'S';
+      looks = sleeps ? looks + 1 : 0;
+    }
+    return ended;
+  }
+
   /// Waits for the end; what the function returned.
   Result get() {
     thread.join();
@@ -39,6 +57,7 @@ class Background {
  private:
   using Stored = std::conditional_t<std::is_void_v<Result>, char, Result>;
 
+  std::atomic<pid_t> id{0};
   std::atomic<bool> ended{false};
   std::optional<Stored> result;
   std::thread thread;

@@ -120,7 +120,10 @@ class FakeController final : public qs_ns::QS_ControllerBase {
   }
   void reportCachingComplete(const qs_ns::QS_CacheThreadBase*) override {}
   bool isMessageQueueBusy() override { return false; }
-  void restartCaching(bool) override { restarts.add(); }
+  void restartCaching(bool force) override {
+    EXPECT_FALSE(force) << "only a reload throws the caches away";
+    restarts.add();
+  }
 
  private:
   mutable std::mutex mutex;

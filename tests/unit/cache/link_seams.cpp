@@ -58,6 +58,10 @@ void beforeNextLock(const void* mutex, std::function<void()> action) {
   awaitedAction = std::move(action);
   awaitedMutex = mutex;
 }
+Tally& waitsBegun() {
+  static Tally tally;
+  return tally;
+}
 int deletedWaves() {
   return wavesDeleted;
 }
@@ -69,6 +73,7 @@ extern "C" {
 
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __real_pthread_mutex_lock(pthread_mutex_t*);
+int __real_pthread_cond_wait(pthread_cond_t*, pthread_mutex_t*);
 void __real_delete_wave(cst_wave*);
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
@@ -93,6 +98,11 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     std::exchange(awaitedAction, nullptr)();
   }
   return __real_pthread_mutex_lock(mutex);
+}
+
+int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+  test::waitsBegun().add();
+  return __real_pthread_cond_wait(condition, mutex);
 }
 
 void __wrap_delete_wave(cst_wave* wave) {

@@ -2,10 +2,12 @@
 
 #include <functional>
 
+#include "support/gate.h"
+
 namespace test {
 
-// The linker leads the program's calls of pthread_create, pthread_mutex_lock and delete_wave
-// through here.
+// The linker leads the program's calls of pthread_create, pthread_mutex_lock, pthread_cond_wait and
+// delete_wave through here.
 
 /// How many threads the program has started that have not ended, and the most there ever were at
 /// once since the last call of `resetThreadPeak`.
@@ -19,6 +21,10 @@ void failThread(int creation);
 
 /// Calls `action` on the thread that is the next to lock `mutex`, just before it has it.
 void beforeNextLock(const void* mutex, std::function<void()> action);
+
+/// How often a thread has begun to wait on a condition without a deadline. It is counted with the
+/// mutex held that goes with the condition, so whoever has that next finds the thread waiting.
+Tally& waitsBegun();
 
 /// Waves deleted so far.
 int deletedWaves();

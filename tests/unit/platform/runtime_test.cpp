@@ -16,7 +16,7 @@
 #include "platform/condition.h"
 #include "platform/mutex.h"
 #include "platform/thread.h"
-#include "support/scratch_folder.h"
+#include "support/background.h"
 
 namespace {
 
@@ -35,34 +35,20 @@ class Worker : public platform::Thread {
   std::function<bool()> pass;
 };
 
-// Asleep at several looks in a row: the thread has nothing else to sleep on.
-void awaitSleep(const std::atomic<pid_t>& thread) {
-  for (int looks = 0; looks < 3;) {
-    const std::string status =
-        test::readFile("/proc/self/task/" + std::to_string(thread.load()) + "/stat");
-    const std::size_t name = status.rfind(')');
-    looks = name != std::string::npos && status[name + 2] == 'S' ? looks + 1 : 0;
-    std::this_thread::yield();
-  }
-}
-
 TEST(Mutex, IsHandedToTheWaiterOnUnlock) {
   Mutex mutex(true);
   bool waiterHadIt = false;
-  std::atomic<pid_t> waiterId{0};
   mutex.lock();
-  std::thread waiter([&] {
-    waiterId = gettid();
+  test::Background waiter([&] {
     const MutexLock lock(mutex);
     waiterHadIt = true;
   });
-  awaitSleep(waiterId);
+  EXPECT_FALSE(waiter.endsWithoutSleep());
   mutex.unlock();
   // A default mutex would be had again at once, with the waiter still on its way.
   mutex.lock();
   EXPECT_TRUE(waiterHadIt);
   mutex.unlock();
-  waiter.join();
 }
 
 TEST(Condition, WakesOnNotifyAndGivesUpAtTheDeadline) {

@@ -1,7 +1,12 @@
 #include "playback/stream_tts_thread.h"
 
+#include <syslog.h>
+
 #include <algorithm>
+#include <functional>
 #include <map>
+#include <optional>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -9,6 +14,7 @@
 #include "link_seams.h"
 #include "support/background.h"
 #include "support/fakes.h"
+#include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
 
 namespace {
@@ -71,9 +77,9 @@ class Streaming : public testing::Test {
     (void)qs_ns::static_cache::clear();
   }
 
-  void make(std::vector<std::string> texts, std::int32_t flags = 0) {
-    stream = std::make_unique<QS_StreamTTSThread>(&controller,
-                                                  test::makeRequest(std::move(texts), flags));
+  void make(std::vector<std::string> texts, std::int32_t flags = 0, const char* alert = nullptr) {
+    stream = std::make_unique<QS_StreamTTSThread>(
+        &controller, test::makeRequest(std::move(texts), flags, alert));
   }
   /// Plays to the end and destroys the stream; the results that were reported.
   std::vector<int> finish() {
@@ -152,12 +158,28 @@ TEST_F(Streaming, PassesSpeedAndVoiceOn) {
   EXPECT_EQ(engine.lastUserData.voice, 1);
 }
 
-TEST_F(Streaming, SilenceModeBeginsAfterEachSynthesisedTextAndLosesNoText) {
+TEST_F(Streaming, SilenceIsFedFromTheEndOfATextToTheFirstBlockOfTheNext) {
+  test::Gate lastButOneFrame;
+  controller.media.onFrame = [&](int frame) {
+    if (frame == kFramed / qs_ns::kFrameSamples - 1) lastButOneFrame.pass();
+  };
+  int waits = 0;
+  engine.onChunk = [&](const std::string& text, int chunk) {
+    if (text != "Z") return;
+    if (chunk == 0) {
+      lastButOneFrame.open();
+      // Nothing but silence can come now.
+      controller.media.frameCount.await(kFramed / qs_ns::kFrameSamples + 5);
+      waits = test::waitsBegun().value();
+    } else if (chunk == 3) {
+      // Within the text the writer waits for sound and feeds nothing.
+      test::waitsBegun().await(waits + 1);
+    }
+  };
   make({"P", "Z"}, qs_ns::kSilenceBetweenTexts);
   EXPECT_EQ(finish(), std::vector<int>{0});
-  EXPECT_GE(controller.media.samples().size(), static_cast<std::size_t>(2 * kFramed))
-      << "each text begins at its first sample";
-  EXPECT_EQ(test::countLog("Marking WriteTTSThread to send silence"), 2);
+  EXPECT_GE(heard(controller, 'Z'), kFramed - 100) << "from its first sample on";
+  EXPECT_EQ(test::countLog("Marking WriteTTSThread to send silence", LOG_DEBUG), 2);
 }
 
 TEST_F(Streaming, AStopDuringASynthesisAbandonsItAndReportsOne) {
@@ -182,11 +204,23 @@ TEST_F(Streaming, AStopBeforeItBeginsWritesNothing) {
       << "one of the stop, one of the start that saw it";
 }
 
-TEST_F(Streaming, AStopWhileTheWriterIsBeingCreatedReportsOneResult) {
+TEST_F(Streaming, AStopWhileTheWriterIsBeingCreatedReportsOneResultAndSoundsNothing) {
+  const test::ScratchFolder folder;
+  const std::string alert = folder / "alert.raw";
+  test::writeFile(alert, std::string(3200, 'x'));
   controller.onSetState = [&] { stream->stopThread(); };
-  make({"P"});
+  make({"P"}, qs_ns::kPlayAlertAfterTexts, alert.c_str());
   EXPECT_EQ(finish(), std::vector<int>{1});
   EXPECT_TRUE(controller.media.frames().empty());
+}
+
+TEST_F(Streaming, AStopSilencesWhatIsQueuedAlready) {
+  controller.media.onFrame = [&](int frame) {
+    if (frame == 2) stream->stopThread();
+  };
+  make({"P", "Z"});
+  EXPECT_EQ(finish(), std::vector<int>{1});
+  EXPECT_LE(controller.media.frames().size(), 3U);
 }
 
 TEST_F(Streaming, AStopWithTheLastFrameReportsOneResult) {
@@ -217,46 +251,62 @@ TEST_F(Streaming, AStopAfterTheResultWasDecidedChangesNothing) {
     EXPECT_FALSE(stream->isStopped());
     EXPECT_EQ(controller.reported.value(), 1);
   });
-  EXPECT_FALSE(stop.hasEnded());
+  EXPECT_FALSE(stop.endsWithoutSleep());
   decided.open();
   stop.get();
   run.get();
   EXPECT_EQ(destroy(), std::vector<int>{0});
 }
 
-TEST_F(Streaming, NoTextBeginsWhileTwentySecondsWait) {
+/// A request of several texts of ten seconds each, whose writer stays in its first frame.
+class LongStreaming : public Streaming {
+ protected:
+  static constexpr int kTenSeconds = 10 * qs_ns::kSpeechRate;
+
+  void SetUp() override {
+    Streaming::SetUp();
+    cache->put("long", kTenSeconds, 'm');
+    controller.media.onFrame = [&](int frame) {
+      if (frame == 1) firstFrame.pass();
+    };
+  }
+  /// Starts it, and returns when it waits for room.
+  void startAndAwaitWait(std::vector<std::string> texts) {
+    make(std::move(texts));
+    run.emplace([&] { stream->executeStream(); });
+    firstFrame.awaitArrival();
+    while (run->endsWithoutSleep() == false && test::countLog(kBegun) < 4)
+      std::this_thread::yield();
+    EXPECT_FALSE(run->endsWithoutSleep());
+  }
+
+  static constexpr char kBegun[] = "Dynamic text match found";
   test::Gate firstFrame;
-  controller.media.onFrame = [&](int frame) {
-    if (frame == 1) firstFrame.pass();
+  std::optional<test::Background<std::function<void()>>> run;
+};
+
+TEST_F(LongStreaming, NoTextBeginsWhileTwentySecondsWait) {
+  startAndAwaitWait({"long", "long", "long", "long", "long", "P"});
+  // One is with the writer, and with three waiting the next one has to wait too.
+  EXPECT_EQ(test::countLog(kBegun), 4);
+  engine.onChunk = [&](const std::string&, int) {
+    EXPECT_GE(controller.media.frameCount.value(), 2 * kTenSeconds / qs_ns::kFrameSamples)
+        << "two of five are played before no more than two wait";
   };
-  constexpr int kTenSeconds = 10 * qs_ns::kSpeechRate;
-  cache->put("long", kTenSeconds, 'm');
-  make({"long", "long", "long", "long", "P"});
-  test::Background run([&] { stream->executeStream(); });
-  firstFrame.awaitArrival();
-  ASSERT_TRUE(test::waitForLog("Dynamic text match found", 4));
-  EXPECT_TRUE(engine.texts.empty());
   firstFrame.open();
-  run.get();
+  run->get();
   EXPECT_EQ(destroy(), std::vector<int>{0});
   EXPECT_EQ(engine.texts, std::vector<std::string>{"P"});
 }
 
-TEST_F(Streaming, AStopEndsTheWaitForRoom) {
-  test::Gate firstFrame;
-  controller.media.onFrame = [&](int frame) {
-    if (frame == 1) firstFrame.pass();
-  };
-  cache->put("long", 21 * qs_ns::kSpeechRate, 'm');
-  make({"long", "long", "P"});
-  test::Background run([&] { stream->executeStream(); });
-  firstFrame.awaitArrival();
-  ASSERT_TRUE(test::waitForLog("Dynamic text match found", 2));
+TEST_F(LongStreaming, AStopEndsTheWaitForRoom) {
+  startAndAwaitWait({"long", "long", "long", "long", "P"});
   stream->stopThread();
   ASSERT_TRUE(test::waitForLog("Call qs_writeTTSThread->join()"));
   firstFrame.open();
-  run.get();
+  run->get();
   EXPECT_EQ(destroy(), std::vector<int>{1});
+  EXPECT_TRUE(engine.texts.empty());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "playback/wqueue.h"
 
 #include <chrono>
+#include <functional>
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -57,9 +58,11 @@ TEST(BlockingQueue, GivesWhatWasQueuedBeforeTheExhaustedMarkAndThenNothing) {
 TEST(BlockingQueue, WakesABlockedTakerWithAnItemOrTheExhaustedMark) {
   Queue queue;
   test::Background taken([&] { return valueOf(queue.remove()); });
+  EXPECT_FALSE(taken.endsWithoutSleep());
   fill(queue, {8});
   EXPECT_EQ(taken.get(), 8);
   test::Background ended([&] { return valueOf(queue.remove()); });
+  EXPECT_FALSE(ended.endsWithoutSleep());
   queue.markExhausted();
   EXPECT_EQ(ended.get(), -1);
 }
@@ -72,6 +75,7 @@ TEST(BlockingQueue, TimedTakeEndsAfterTenMillisecondsOrWithAnItem) {
   EXPECT_EQ(clock.advanceToNextDeadline(), 10ms);
   EXPECT_EQ(timedOut.get(), TakeResult::timedOut);
   test::Background taken([&] { return queue.removeTimed(item); });
+  EXPECT_FALSE(taken.endsWithoutSleep());
   fill(queue, {4});
   EXPECT_EQ(taken.get(), TakeResult::item);
   EXPECT_EQ(valueOf(item), 4);
@@ -79,29 +83,23 @@ TEST(BlockingQueue, TimedTakeEndsAfterTenMillisecondsOrWithAnItem) {
 
 TEST(BlockingQueue, WaitForRoomEndsWithATakeAStopOrTheExhaustedMark) {
   std::atomic<bool> stopped{false};
-  {
+  const std::function<void(Queue&)> ends[] = {
+      [](Queue& queue) { queue.removeLast(); },
+      [](Queue& queue) { queue.markExhausted(); },
+      [&](Queue& queue) {
+        stopped = true;
+        queue.wake();
+      },
+  };
+  for (const auto& end : ends) {
+    SCOPED_TRACE(&end - ends);
     Queue queue;
     queue.add(std::make_unique<int>(1), 10);
     queue.waitForRoom(10, stopped);
-    queue.add(std::make_unique<int>(2), 5);
+    queue.add(std::make_unique<int>(2), 1);
     test::Background waits([&] { queue.waitForRoom(10, stopped); });
-    EXPECT_FALSE(waits.hasEnded());
-    queue.removeLast();
-    waits.get();
-  }
-  {
-    Queue queue;
-    queue.add(std::make_unique<int>(1), 11);
-    test::Background waits([&] { queue.waitForRoom(10, stopped); });
-    queue.markExhausted();
-    waits.get();
-  }
-  {
-    Queue queue;
-    queue.add(std::make_unique<int>(1), 11);
-    test::Background waits([&] { queue.waitForRoom(10, stopped); });
-    stopped = true;
-    queue.wake();
+    EXPECT_FALSE(waits.endsWithoutSleep());
+    end(queue);
     waits.get();
   }
 }

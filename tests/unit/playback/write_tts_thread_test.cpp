@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "dsp/pfir.h"
+#include "link_seams.h"
 #include "support/fake_clock.h"
 #include "support/fakes.h"
 #include "support/scratch_folder.h"
@@ -114,13 +115,24 @@ TEST_F(Writer, SendsNothingWhenStoppedBeforeItBegins) {
   EXPECT_EQ(controller.reported.value(), 0);
 }
 
-TEST_F(Writer, WakesFromAnEmptyQueueWhenItIsExhaustedAfterAStop) {
-  ASSERT_EQ(writer.start(), 0);
-  ASSERT_TRUE(test::waitForLog("WriteTTSThread started"));
-  decideStopped();
-  queue.markExhausted();
-  writer.join();
-  EXPECT_TRUE(controller.media.frames().empty());
+TEST_F(Writer, PlaysNothingOfWhatWakesItAfterAStop) {
+  for (const bool exhausted : {false, true}) {
+    SCOPED_TRACE(exhausted);
+    RequestOutcome decided;
+    QS_WriteTTSThread stoppedOne(&controller, queue, request.get(), decided);
+    add(80);
+    const int waits = test::waitsBegun().value();
+    ASSERT_EQ(stoppedOne.start(), 0);
+    test::waitsBegun().await(waits + 1);
+    {
+      const platform::MutexLock hold(decided.lock);
+      decided.result = RequestOutcome::Result::stopped;
+      stoppedOne.stop();
+    }
+    exhausted ? queue.markExhausted() : add(1600);
+    stoppedOne.join();
+    EXPECT_TRUE(controller.media.frames().empty());
+  }
   EXPECT_EQ(controller.reported.value(), 0);
 }
 
@@ -175,12 +187,16 @@ class AlertWriter : public Writer {
 
 TEST_F(AlertWriter, PlaysTheFileAtTheVolumeInForceAndPadsTheLastFrame) {
   writeAlert(1000);
-  controller.media.volume = 300;
+  add(480);
+  controller.media.onFrame = [&](int frame) {
+    if (frame == 2) controller.media.volume = 300;
+  };
   runToEnd();
   const auto frames = controller.media.frames();
-  ASSERT_EQ(frames.size(), 7U);
-  EXPECT_EQ(frames[0], Samples(kFrameSamples, 300)) << "no ramp";
-  EXPECT_EQ(std::accumulate(frames[6].begin(), frames[6].end(), 0), 40 * 300);
+  ASSERT_EQ(frames.size(), 3U + 7U);
+  EXPECT_EQ(frames[2], Samples(kFrameSamples, 502)) << "the text keeps the volume of its start";
+  EXPECT_EQ(frames[3], Samples(kFrameSamples, 300)) << "no ramp";
+  EXPECT_EQ(std::accumulate(frames[9].begin(), frames[9].end(), 0), 40 * 300);
   EXPECT_EQ(controller.reported.value(), 1);
 }
 
