@@ -20,6 +20,8 @@ namespace {
 platform::Mutex dispatcherMutex{true};
 CheckingBusDispatcher* registeredDispatcher GUARDED_BY(dispatcherMutex) = nullptr;
 std::atomic<int> automationStatus{-1};
+// Is the bus name about to be given up? Whoever asks again meanwhile gets no second thread.
+std::atomic<bool> disconnecting{false};
 
 // What clients see of a lost bus: the process ends with -1.
 constexpr int kBusLost = -1;
@@ -41,14 +43,24 @@ void CheckingBusDispatcher::rem_watch(DBus::Watch* removed) {
   removedWatches.push_back(removed);
 }
 
-void CheckingBusDispatcher::deleteRemovedWatches() {
-  std::vector<DBus::Watch*> due;
+void CheckingBusDispatcher::rem_timeout(DBus::Timeout* removed) {
+  const platform::MutexLock hold(removedMutex);
+  static_cast<DBus::BusTimeout*>(removed)->DBus::DefaultTimeout::enabled(false);
+  removedTimeouts.push_back(removed);
+}
+
+void CheckingBusDispatcher::deleteRemoved() {
+  std::vector<DBus::Watch*> watches;
+  std::vector<DBus::Timeout*> timeouts;
   {
     const platform::MutexLock hold(removedMutex);
-    due.swap(removedWatches);
+    watches.swap(removedWatches);
+    timeouts.swap(removedTimeouts);
   }
-  for (DBus::Watch* const removed : due)
+  for (DBus::Watch* const removed : watches)
     DBus::BusDispatcher::rem_watch(removed);
+  for (DBus::Timeout* const removed : timeouts)
+    DBus::BusDispatcher::rem_timeout(removed);
 }
 
 void CheckingBusDispatcher::do_iteration() {
@@ -56,7 +68,7 @@ void CheckingBusDispatcher::do_iteration() {
     syslog(LOG_ERR, "Lost DBUS system bus connection, exiting.");
     endProcess(kBusLost);
   }
-  deleteRemovedWatches();
+  deleteRemoved();
   posted.run();
   // The library has closed its wake-up descriptors by now; another poll would watch a stranger's.
   if (left) return;
@@ -102,10 +114,11 @@ bool automationEnabled() {
 }
 
 void qs_disconnectDBus() {
-  if (!automationEnabled()) return;
+  if (!automationEnabled() || disconnecting.exchange(true)) return;
   const int status =
       platform::startDetached("QS_Disconnect", [] { disconnectDBusMethod(nullptr); });
   if (status != 0) {
+    disconnecting = false;
     syslog(LOG_WARNING, "%s: pthread create failed %s", "qs_disconnectDBus",
            std::strerror(-status));
   }
@@ -113,6 +126,7 @@ void qs_disconnectDBus() {
 
 void* disconnectDBusMethod(void* /*unused*/) {
   platform::clock().sleepFor(std::chrono::seconds(1));
+  disconnecting = false;
   withDispatcher([](CheckingBusDispatcher& dispatcher) {
     syslog(LOG_INFO, "Disconnecting DBus Connection");
     dispatcher.postLeave();

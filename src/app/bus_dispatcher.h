@@ -22,8 +22,10 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
   void attach(DBus::Connection* served) { connection = served; }
 
   void do_iteration() override;
-  /// Puts the watch aside, where it does nothing: the library may remove it while it walks over it.
+  /// Put aside what is removed, where it does nothing: the library may remove a watch or a timeout
+  /// while it walks over it, and touches it afterwards. Any thread.
   void rem_watch(DBus::Watch* removed) override;
+  void rem_timeout(DBus::Timeout* removed) override;
 
   BusWork& work() { return posted; }
 
@@ -33,7 +35,7 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
 
  private:
   void leaveOnce();
-  void deleteRemovedWatches();
+  void deleteRemoved();
 
   BusWork posted;
   DBus::DefaultWatch watch;
@@ -42,6 +44,7 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
   bool left = false;
   platform::Mutex removedMutex{true};
   std::vector<DBus::Watch*> removedWatches GUARDED_BY(removedMutex);
+  std::vector<DBus::Timeout*> removedTimeouts GUARDED_BY(removedMutex);
 };
 
 /// The dispatcher of the cycle under way, null for none. Main thread. Others reach it through
@@ -49,10 +52,10 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
 void set_dispatcher(CheckingBusDispatcher* dispatcher);
 
 /// Calls `use` with the dispatcher of the cycle, which stays alive meanwhile; where there is none,
-/// logs that and returns false. Any thread; `use` may only post.
+/// logs that and returns false. Any thread; `use` may only log and post.
 bool withDispatcher(const std::function<void(CheckingBusDispatcher&)>& use);
 
-/// -1 not known yet, 0 serve, 1 a test set-up has the name: stand aside.
+/// -1 not known yet, 0 serve, 1 a test set-up has the name: stand aside. Any thread.
 int get_qs_automation_status();
 void set_qs_automation_status(int status);
 

@@ -21,7 +21,7 @@ class BusWork {
   BusWork(const BusWork&) = delete;
   BusWork& operator=(const BusWork&) = delete;
 
-  /// Readable while anything waits; for the loop to poll.
+  /// Readable while anything waits, and until the next `run`; for the loop to poll.
   int descriptor() const { return eventDescriptor; }
 
   /// Adds work for the bus thread and wakes it. Any thread; never blocks; may be called with a lock

@@ -76,6 +76,7 @@ bool QS_ConvertTTSThread::threadLoop() {
   if (finished != nullptr) finished->call(response);
   turns.leave(this);
   requestExit();
+  ended = true;
   return false;
 }
 

@@ -67,6 +67,8 @@ class QS_ConvertTTSThread final : public platform::Thread {
   /// reports all the same. Any thread; never blocks.
   void stop();
   bool isStopped() const { return stopped; }
+  /// Has its thread nothing left to do, so that a join does not wait?
+  bool hasEnded() const { return ended; }
 
  protected:
   bool threadLoop() override;
@@ -78,6 +80,7 @@ class QS_ConvertTTSThread final : public platform::Thread {
   ConversionCallback finished;
   ConversionLine& turns;
   std::atomic<bool> stopped{false};
+  std::atomic<bool> ended{false};
 };
 
 }  // namespace qs_ns

@@ -10,12 +10,14 @@ static_assert(kMaxTextWeight == 4096 && kMaxRequestWeight == 32768 && kMaxTexts 
                   kMaxConversions == 16,
               "the sentences below name these numbers");
 
+const char* textCountLimitBroken(std::size_t texts) {
+  if (texts <= kMaxTexts) return nullptr;
+  return "a play request may hold at most 64 texts; send the rest in another request";
+}
+
 const char* playLimitBroken(const std::vector<std::string>& texts, int requestsWaiting) {
   if (requestsWaiting >= kMaxRequestsWaiting) {
     return "64 requests wait already, the most that may; try again when some have been played";
-  }
-  if (texts.size() > kMaxTexts) {
-    return "a play request may hold at most 64 texts; send the rest in another request";
   }
   std::size_t total = 0;
   for (const std::string& text : texts) {
@@ -40,8 +42,7 @@ const char* conversionLimitBroken(const std::string& text, std::size_t running) 
   }
   if (text.size() > kMaxConversionWeight || textWeight(text) > kMaxConversionWeight) {
     return "the text of a conversion may weigh at most 16384 (1 a letter, 4 a spelled one, 6 a "
-           "digit "
-           "or symbol); split it";
+           "digit or symbol); split it";
   }
   return nullptr;
 }

@@ -16,8 +16,11 @@ inline constexpr int kMaxRequestsWaiting = 64;
 inline constexpr std::size_t kMaxConversionWeight = 16384;
 inline constexpr std::size_t kMaxConversions = 16;
 
-/// Null where the play request is within the limits, else a sentence that names the one it breaks;
-/// a constant that lives for ever.
+/// Null where so many texts are within the limit, else a sentence that names it; a constant that
+/// lives for ever.
+const char* textCountLimitBroken(std::size_t texts);
+
+/// The same for the rest of what is asked of a play request.
 const char* playLimitBroken(const std::vector<std::string>& texts, int requestsWaiting);
 
 /// The same for a conversion, with `running` others not answered yet.

@@ -46,6 +46,33 @@ class GuardedMethod final : public DBus::Callback_Base<DBus::Message, const DBus
   Method method;
 };
 
+// Counts the texts of a play request before the library unpacks them: a million empty strings would
+// hold the bus for half a second.
+class CountedTexts final : public DBus::Callback_Base<DBus::Message, const DBus::CallMessage&> {
+ public:
+  explicit CountedTexts(const GuardedMethod::Method& unpacking) : method(unpacking) {}
+
+  DBus::Message call(const DBus::CallMessage& message) const override {
+    if (const char* limit = textCountLimitBroken(countTexts(message))) {
+      throw DBus::ErrorLimitsExceeded(limit);
+    }
+    return method.call(message);
+  }
+
+ private:
+  // No further than it takes to know that they are too many.
+  static std::size_t countTexts(const DBus::CallMessage& message) {
+    DBus::MessageIter arguments = message.reader();
+    if (!arguments.is_array()) return 0;
+    std::size_t count = 0;
+    for (DBus::MessageIter text = arguments.recurse(); !text.at_end() && count <= kMaxTexts; ++text)
+      ++count;
+    return count;
+  }
+
+  GuardedMethod::Method method;
+};
+
 }  // namespace
 
 QuillspeakDBusImpl::QuillspeakDBusImpl(DBus::Connection& connection, BusWork& posted)
@@ -72,11 +99,13 @@ void QuillspeakDBusImpl::guardMethods() {
   DBus::PropertiesAdaptor::_methods["Set"] =
       new DBus::Callback<QuillspeakDBusImpl, DBus::Message, const DBus::CallMessage&>(
           this, &QuillspeakDBusImpl::refuseSet);
+  DBus::MethodTable& methods = com::wexel::QuillspeakInterface1_adaptor::_methods;
+  methods["DoTTSAndPlay"] = new CountedTexts(methods["DoTTSAndPlay"]);
   const auto guard = [](DBus::MethodTable& table) {
     for (auto& [name, method] : table)
       method = new GuardedMethod(method);
   };
-  guard(com::wexel::QuillspeakInterface1_adaptor::_methods);
+  guard(methods);
   guard(DBus::PropertiesAdaptor::_methods);
   guard(DBus::IntrospectableAdaptor::_methods);
 }
@@ -158,7 +187,10 @@ std::int32_t QuillspeakDBusImpl::DoTTSFetchInFile(const std::string& textToConve
 DBus::Tag* QuillspeakDBusImpl::startConversion(const std::string& text, const std::string& path) {
   syslog(LOG_INFO, "%s: %s", "DoTTSFetchInFile", path.c_str());
   reapConversions();
-  if (const char* limit = conversionLimitBroken(text, mConversions.size())) {
+  const auto unanswered =
+      std::count_if(mConversions.begin(), mConversions.end(),
+                    [](const Conversion& conversion) { return conversion.tag != nullptr; });
+  if (const char* limit = conversionLimitBroken(text, static_cast<std::size_t>(unanswered))) {
     throw DBus::ErrorLimitsExceeded(limit);
   }
   Conversion conversion;
@@ -173,11 +205,11 @@ DBus::Tag* QuillspeakDBusImpl::startConversion(const std::string& text, const st
   return mConversions.back().tag.get();
 }
 
-// Later than the answer, when the thread has long ended, so that the bus thread need not wait for
-// it to be scheduled once more.
+// Later than the answer, so that the bus thread need not wait for a thread of low priority to be
+// scheduled once more.
 void QuillspeakDBusImpl::reapConversions() {
   mConversions.remove_if([](const Conversion& conversion) {
-    if (conversion.tag != nullptr) return false;
+    if (conversion.tag != nullptr || !conversion.thread->hasEnded()) return false;
     conversion.thread->join();
     return true;
   });

@@ -187,7 +187,8 @@ class AlertWriter : public Writer {
 
 TEST_F(AlertWriter, PlaysTheFileAtTheVolumeInForceAndPadsTheLastFrame) {
   writeAlert(1000);
-  add(480);
+  for (int i = 0; i < 3; ++i)
+    add(kFrameSamples);
   controller.media.onFrame = [&](int frame) {
     if (frame == 2) controller.media.volume = 300;
   };
