@@ -1,3 +1,6 @@
+#include <array>
+#include <initializer_list>
+
 #include <gtest/gtest.h>
 
 #include "daemon/fixture.h"
@@ -12,24 +15,50 @@ constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 
 TEST_F(Contract, IntrospectionListsEveryMemberWithItsArguments) {
   start();
-  const std::string document = client->introspect();
-  const char* const kParts[] = {
-      "<interface name=\"com.wexel.QuillspeakInterface1\">",
-      "<method name=\"DoTTSFetchInFile\">",
-      "<method name=\"DoTTSAndPlay\">",
-      "<method name=\"StopTTSPlay\">",
-      "<method name=\"ReloadConfig\">",
-      "<method name=\"SetVolume\">",
-      "<signal name=\"ReportTTSPlayResult\">",
-      "<arg direction=\"in\" type=\"as\" name=\"textToConvert\"/>",
-      "<arg direction=\"out\" type=\"t\" name=\"handle\"/>",
-      "<arg direction=\"in\" type=\"i\" name=\"volume\"/>",
+  std::string document = client->introspect();
+  const auto begin = document.find("<interface name=\"com.wexel.QuillspeakInterface1\">");
+  ASSERT_NE(begin, std::string::npos) << document;
+  document = document.substr(begin, document.find("</interface>", begin) - begin);
+  std::erase_if(document, [](char c) { return c == '\n' || c == '\t'; });
+  const auto member = [](const char* kind, const char* name,
+                         std::initializer_list<std::array<const char*, 3>> arguments) {
+    std::string text = std::string("<") + kind + " name=\"" + name + "\">";
+    for (const auto& [direction, type, argument] : arguments) {
+      text +=
+          std::string("<arg ") + direction + "type=\"" + type + "\" name=\"" + argument + "\"/>";
+    }
+    return text + "</" + kind + ">";
+  };
+  constexpr char kIn[] = "direction=\"in\" ";
+  constexpr char kOut[] = "direction=\"out\" ";
+  const std::string members[] = {
+      member("method", "DoTTSFetchInFile",
+             {{kIn, "s", "textToConvert"}, {kIn, "s", "filePath"}, {kOut, "i", "resultCode"}}),
+      member("method", "DoTTSAndPlay",
+             {{kIn, "as", "textToConvert"},
+              {kIn, "i", "params"},
+              {kIn, "i", "type"},
+              {kIn, "i", "flags"},
+              {kOut, "t", "handle"}}),
+      member("method", "StopTTSPlay",
+             {{kIn, "t", "handle"},
+              {kIn, "i", "type"},
+              {kIn, "i", "flags"},
+              {kOut, "t", "resultCode"}}),
+      member("method", "ReloadConfig", {{kIn, "i", "flags"}}),
+      member("method", "SetVolume", {{kIn, "i", "volume"}}),
+      member("signal", "ReportTTSPlayResult",
+             {{"", "as", "textToConvert"},
+              {"", "u", "params"},
+              {"", "u", "type"},
+              {"", "u", "flags"},
+              {"", "u", "resultCode"},
+              {"", "t", "handle"}}),
       "<property name=\"Version\" type=\"i\" access=\"read\"/>",
       "<property name=\"State\" type=\"i\" access=\"read\"/>",
   };
-  for (const char* part : kParts) {
-    EXPECT_NE(document.find(part), std::string::npos) << part << " in\n" << document;
-  }
+  for (const std::string& wanted : members)
+    EXPECT_NE(document.find(wanted), std::string::npos) << wanted << " in\n" << document;
 }
 
 TEST_F(Contract, PropertiesAreReadLiveAndCannotBeSet) {
@@ -111,6 +140,7 @@ TEST_F(Contract, LimitsAreNamedAndWhatIsWithinThemIsTaken) {
       {{std::string(683, '7')}, "4096"},
       {{std::string(20 << 20, 'a')}, "4096"},
       {std::vector<std::string>(65, "a"), "64"},
+      {std::vector<std::string>(65, ""), "64"},
       {std::vector<std::string>(9, words(4000)), "32768"},
   };
   for (const auto& refused : kRefused) {

@@ -94,9 +94,10 @@ TEST_F(Speech, SilenceModeLosesNoneOfItsTexts) {
   start();
   EXPECT_EQ(playToEnd({"one two", "three four"}, 8), 0U);
   const std::size_t silent = recording().size();
-  EXPECT_EQ(playToEnd({"five six", "seven eight"}, 0), 0U);
+  // From the cache, both from their first sample to their last.
+  EXPECT_EQ(playToEnd({"one two", "three four"}, 0), 0U);
   const std::size_t plain = recording().size() - silent;
-  EXPECT_GT(silent, plain / 2);
+  EXPECT_GE(silent, plain);
   EXPECT_EQ(daemon->countLog("Marking WriteTTSThread to send silence"), 2);
 }
 

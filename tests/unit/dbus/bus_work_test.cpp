@@ -4,10 +4,10 @@
 
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "support/background.h"
 #include "support/syslog_capture.h"
 
 namespace {
@@ -69,15 +69,13 @@ TEST(BusWork, LosesNothingOfWhatSeveralThreadsPost) {
     for (int i = 0; i < kEach; ++i)
       work.post(Kind::signal, [&] { ++ran; });
   };
-  std::thread one(postMany);
-  std::thread two(postMany);
+  const test::Background one(postMany);
+  const test::Background two(postMany);
   while (ran < 2 * kEach) {
     pollfd ready{work.descriptor(), POLLIN, 0};
     ASSERT_EQ(poll(&ready, 1, 10000), 1);
     work.run();
   }
-  one.join();
-  two.join();
 }
 
 }  // namespace

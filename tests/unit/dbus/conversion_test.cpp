@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "dbus/convert_tts_thread.h"
+#include "link_seams.h"
 #include "support/gate.h"
 #include "support/skipping_clock.h"
 #include "support/syslog_capture.h"
@@ -93,7 +94,9 @@ TEST_F(Conversions, EndWhenAskedBothWaitingAndSynthesisingAndReportThat) {
   };
   QS_ConvertTTSThread& synthesising = add("synthesising");
   running.awaitArrival();
+  const int waits = test::waitsBegun().value();
   QS_ConvertTTSThread& waiting = add("waiting");
+  test::waitsBegun().await(waits + 1);
   waiting.stop();
   waiting.join();
   EXPECT_EQ(reports.all.size(), 1U) << "one that waits ends while another synthesises";
