@@ -6,7 +6,6 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -275,8 +274,7 @@ class LongStreaming : public Streaming {
     make(std::move(texts));
     run.emplace([&] { stream->executeStream(); });
     firstFrame.awaitArrival();
-    while (run->endsWithoutSleep() == false && test::countLog(kBegun) < 4)
-      std::this_thread::yield();
+    ASSERT_TRUE(test::waitForLog(kBegun, 4));
     EXPECT_FALSE(run->endsWithoutSleep());
   }
 
