@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -7,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "daemon/fixture.h"
+#include "support/background.h"
 
 // By itself, and with no other test beside it: what is measured is the daemon, not the machine.
 
@@ -54,6 +56,29 @@ TEST_F(Latency, CallsAreAnsweredWhileTheLargestTextsAreSynthesised) {
   EXPECT_LE(times[296], test::kSlowBuild ? 10ms : 5ms);
   client->stop(handle);
   EXPECT_EQ(client->awaitResult(handle)->resultCode, 1U);
+}
+
+TEST_F(Latency, AStopIsAnsweredWhileAnotherClientCallsAsFastAsItCan) {
+  start();
+  std::atomic<bool> done{false};
+  long calls = 0;
+  {
+    const test::Background flood([&] {
+      test::Client greedy(bus.address());
+      for (; !done; ++calls)
+        greedy.property("State");
+    });
+    std::chrono::steady_clock::duration worst{};
+    for (int i = 0; i < 100; ++i) {
+      const std::uint64_t handle = client->play({"a text that is stopped at once"}).value;
+      const auto asked = std::chrono::steady_clock::now();
+      EXPECT_EQ(client->stop(handle).error, "");
+      worst = std::max(worst, std::chrono::steady_clock::now() - asked);
+    }
+    done = true;
+    EXPECT_LE(worst, test::kSlowBuild ? 100ms : 50ms);
+  }
+  EXPECT_GT(calls, 100);
 }
 
 }  // namespace
