@@ -14,8 +14,8 @@
 #include "cache/static_phrase_cache.h"
 #include "core/interfaces/controller_base.h"
 #include "fake_speech.h"
-#include "link_seams.h"
 #include "support/gate.h"
+#include "support/link_seams.h"
 #include "support/syslog_capture.h"
 
 namespace test {

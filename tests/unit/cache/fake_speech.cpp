@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "link_seams.h"
+#include "support/link_seams.h"
 
 namespace test {
 

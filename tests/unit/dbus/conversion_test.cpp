@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "dbus/convert_tts_thread.h"
-#include "link_seams.h"
 #include "support/gate.h"
+#include "support/link_seams.h"
 #include "support/skipping_clock.h"
 #include "support/syslog_capture.h"
 #include "tts/speech_engine.h"

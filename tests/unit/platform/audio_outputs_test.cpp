@@ -1,8 +1,5 @@
 // The outputs that are not devices: what they keep, and the time they take.
 
-#include <sys/resource.h>
-
-#include <csignal>
 #include <cstring>
 #include <numeric>
 #include <string>
@@ -13,6 +10,7 @@
 #include "audio_samples.h"
 #include "platform/audio/null_output.h"
 #include "platform/audio/wav_output.h"
+#include "support/file_size_limit.h"
 #include "support/scratch_folder.h"
 #include "support/skipping_clock.h"
 
@@ -117,28 +115,10 @@ TEST_F(WavOutputTest, IsAWholeFileAfterEveryWriteOfSessionsBackToBack) {
   EXPECT_EQ(readWave(path), all);
 }
 
-/// No file of this process may grow beyond `bytes`, as on a disk that is full there.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) : handler(std::signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &before);
-    const rlimit limit{bytes, before.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &before);
-    std::signal(SIGXFSZ, handler);
-  }
-
- private:
-  rlimit before{};
-  void (*handler)(int);
-};
-
 TEST_F(WavOutputTest, FailsOnAFullDiskAndGoesOnInItsPlaceWhenThereIsRoomAgain) {
   WavOutput output(path);
   {
-    const FileSizeLimit limit(44 + 480 * 2 + 333);
+    const test::FileSizeLimit limit(44 + 480 * 2 + 333);
     EXPECT_LT(play(output, ramp(960, 1)), 0);
   }
   EXPECT_EQ(play(output, ramp(480, 5000)), 0);

@@ -10,9 +10,9 @@
 #include <gtest/gtest.h>
 
 #include "fake_engine.h"
-#include "link_seams.h"
 #include "support/background.h"
 #include "support/fakes.h"
+#include "support/link_seams.h"
 #include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
 

@@ -9,9 +9,9 @@
 #include <gtest/gtest.h>
 
 #include "dsp/pfir.h"
-#include "link_seams.h"
 #include "support/fake_clock.h"
 #include "support/fakes.h"
+#include "support/link_seams.h"
 #include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
 

@@ -1,13 +1,12 @@
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 
 #include <gtest/gtest.h>
 
+#include "support/file_size_limit.h"
 #include "support/flite_alone.h"
 #include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
@@ -66,21 +65,14 @@ TEST_F(FileSynthesis, WritesNothingButARegularFileAndLogsIt) {
 }
 
 TEST_F(FileSynthesis, LogsAFileThatCannotBeWrittenToItsEnd) {
-  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit before = {};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
   const rlim_t wholeFile = kHeaderBytes + 2 * test::fliteAlone(kText).size();
   // The disk is full at once, or with the very last sample.
-  for (const rlim_t limit : {rlim_t{1000}, wholeFile - 1}) {
+  for (const rlim_t bytes : {rlim_t{1000}, wholeFile - 1}) {
     test::clearLog();
-    const rlimit small = {limit, before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
-    const int result = qs_flite_tts_file(kText, path, 0);
-    setrlimit(RLIMIT_FSIZE, &before);
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(test::countLog("File too large", LOG_ERR), 1) << limit;
+    const test::FileSizeLimit limit(bytes);
+    EXPECT_EQ(qs_flite_tts_file(kText, path, 0), 0);
+    EXPECT_EQ(test::countLog("File too large", LOG_ERR), 1) << bytes;
   }
-  std::signal(SIGXFSZ, previous);
 }
 
 TEST_F(FileSynthesis, EndsBeforeFliteOrAtItsNextChunkWhereItIsStopped) {

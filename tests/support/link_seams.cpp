@@ -1,4 +1,4 @@
-#include "link_seams.h"
+#include "support/link_seams.h"
 
 #include <pthread.h>
 
