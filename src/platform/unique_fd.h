@@ -21,6 +21,8 @@ class UniqueFd {
   }
 
   int get() const { return descriptor; }
+  /// Hands the descriptor over.
+  int release() { return std::exchange(descriptor, -1); }
   explicit operator bool() const { return descriptor >= 0; }
 
  private:

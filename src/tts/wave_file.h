@@ -6,10 +6,8 @@
 
 namespace qs_ns {
 
-/// Writes `wave` as a RIFF WAVE file at its own rate. `path` comes from strangers: a symbolic link
-/// in its last component is not followed, nothing but a regular file is written or emptied, and a
-/// pipe without a reader does not block. 0, or the errno value of what went wrong; a file that was
-/// begun then stays as it is. Any thread.
+/// Writes `wave` as a RIFF WAVE file at its own rate, to a path that `openOutputFile` opens. 0, or
+/// the errno value of what went wrong; a file that was begun then stays as it is. Any thread.
 int saveWaveFile(cst_wave& wave, const std::string& path);
 
 }  // namespace qs_ns

@@ -58,6 +58,18 @@ TEST_F(Process, TheCommandLineDumpsATextAndPlaysATone) {
   EXPECT_LT(samples, 4U * 48000U);
 }
 
+TEST_F(Process, TheCommandLineWritesThroughNoLink) {
+  std::filesystem::create_directory(folder / "files");
+  test::writeFile(folder / "target", "precious");
+  for (const char* const name : {"files/test.wav", "files/test.rwb"})
+    std::filesystem::create_symlink(folder / "target", folder / name);
+  run({"dump", "hello"});
+  EXPECT_NE(lastLog().find("cannot write /tmp/test.wav: "), std::string::npos);
+  run({"play", "99"});
+  EXPECT_NE(lastLog().find("cannot write /tmp/test.rwb: "), std::string::npos);
+  EXPECT_EQ(test::readFile(folder / "target"), "precious");
+}
+
 TEST_F(Process, ToneIndexOutOfRangeIsAnError) {
   EXPECT_EQ(run({"play", "99"}), "Tone index: 99\n\n Error in playOperation() \n");
 }

@@ -103,17 +103,26 @@ void appendLine(const char* start, const char* text) {
   }
 }
 
-/// Where the file at `path` really is.
+/// Where the file at `path` really is; `folder` is an open folder that the path starts from.
 class Redirected {
  public:
-  explicit Redirected(const char* path) : result(path) {
+  explicit Redirected(const char* path, int folder = AT_FDCWD) : result(path) {
     static constexpr const char* kFixedPaths[] = {
         "/etc/addenda.lex", "/usr/mbin/data/rt/error_mono.raw", "/tmp/test.rwb", "/tmp/test.wav"};
-    static const char* const folder = std::getenv("QS_TEST_FILES");
-    if (folder == nullptr || path == nullptr) return;
+    static const char* const files = std::getenv("QS_TEST_FILES");
+    if (files == nullptr || path == nullptr) return;
+    char whole[PATH_MAX] = "";
+    if (folder != AT_FDCWD) {
+      char link[64];
+      std::snprintf(link, sizeof link, "/proc/self/fd/%d", folder);
+      const ssize_t length = readlink(link, whole, sizeof whole - 1);
+      std::strcpy(whole + (length > 0 ? length : 0), "/");
+    }
+    if (std::strlen(whole) + std::strlen(path) >= sizeof whole) return;
+    std::strcat(whole, path);
     for (const char* fixed : kFixedPaths) {
-      if (std::strcmp(path, fixed) != 0) continue;
-      std::snprintf(moved, sizeof moved, "%s%s", folder, std::strrchr(fixed, '/'));
+      if (std::strcmp(whole, fixed) != 0) continue;
+      std::snprintf(moved, sizeof moved, "%s%s", files, std::strrchr(fixed, '/'));
       result = moved;
     }
   }
@@ -195,6 +204,15 @@ int open64(const char* path, int flags, ...) {
   const mode_t mode = modeOf(flags, arguments);
   va_end(arguments);
   return original(Redirected(path).get(), flags, mode);
+}
+
+int openat(int folder, const char* path, int flags, ...) {
+  static const auto original = next<decltype(openat)>("openat");
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = modeOf(flags, arguments);
+  va_end(arguments);
+  return original(folder, Redirected(path, folder).get(), flags, mode);
 }
 
 FILE* fopen(const char* path, const char* mode) {

@@ -1,6 +1,8 @@
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 
@@ -56,12 +58,49 @@ TEST_F(FileSynthesis, WritesNothingButARegularFileAndLogsIt) {
   test::writeFile(folder / "target", "precious");
   std::filesystem::create_symlink(folder / "target", folder / "link");
   ASSERT_EQ(mkfifo((folder / "pipe without a reader").c_str(), 0600), 0);
+  std::string deep = folder.path();
+  while (deep.size() < PATH_MAX)
+    deep += "/.";
   for (const std::string& no :
-       {folder / "link", folder / "pipe without a reader", std::string("/dev/null")}) {
-    EXPECT_EQ(qs_flite_tts_file(kText, no, 0), 0);
-    EXPECT_EQ(test::countLog("qs_flite_tts_file: cannot write " + no + ": ", LOG_ERR), 1) << no;
+       {folder / "link", folder / "pipe without a reader", std::string("/dev/null"),
+        folder / "target/x", folder.path(), folder.path() + "/", deep + "/new"}) {
+    EXPECT_EQ(qs_flite_tts_file("a", no, 0), 0);
+    EXPECT_EQ(test::countLog("qs_flite_tts_file: cannot write ", LOG_ERR), 1) << no;
+    test::clearLog();
   }
   EXPECT_EQ(test::readFile(folder / "target"), "precious");
+}
+
+TEST_F(FileSynthesis, FollowsNoLinkThatAStrangerPlantedOnTheWay) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make a stranger's link";
+  const std::string shared = folder / "shared";
+  std::filesystem::create_directories(folder / "target/inner");
+  std::filesystem::create_directory(shared);
+  constexpr uid_t kStranger = 12345;
+  const struct {
+    mode_t mode;
+    uid_t owner;  // of the link
+    bool followed;
+  } kRows[] = {{0777, kStranger, false},
+               {01777, kStranger, false},
+               {0775, kStranger, false},
+               {0755, kStranger, true},
+               {01777, 0, true}};
+  for (const auto& row : kRows) {
+    for (const std::string& target : {folder / "target", std::string("../target")}) {
+      std::filesystem::remove(shared + "/link");
+      std::filesystem::remove(folder / "target/inner/new.wav");
+      std::filesystem::create_symlink(target, shared + "/link");
+      ASSERT_EQ(lchown((shared + "/link").c_str(), row.owner, row.owner), 0);
+      ASSERT_EQ(chmod(shared.c_str(), row.mode), 0);
+      EXPECT_EQ(qs_flite_tts_file("a", shared + "//link/inner/new.wav", 0), 0);
+      EXPECT_EQ(std::filesystem::exists(folder / "target/inner/new.wav"), row.followed)
+          << std::oct << row.mode << " " << row.owner << " " << target;
+    }
+  }
+  std::filesystem::create_symlink(shared + "/loop", shared + "/loop");
+  EXPECT_EQ(qs_flite_tts_file("a", shared + "/loop/new.wav", 0), 0);
+  EXPECT_EQ(test::countLog("Too many levels of symbolic links", LOG_ERR), 7);
 }
 
 TEST_F(FileSynthesis, LogsAFileThatCannotBeWrittenToItsEnd) {

@@ -1,0 +1,98 @@
+#include "tts/output_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <string_view>
+#include <utility>
+
+namespace qs_ns {
+
+namespace {
+
+using platform::UniqueFd;
+
+// As many as the kernel follows in one path.
+constexpr int kMaxLinks = 40;
+
+UniqueFd openPlace(int folder, const std::string& name) {
+  return UniqueFd(::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+}
+
+/// May somebody have put the link there who owns neither the folder nor this process? The kernel
+/// asks the same where fs.protected_symlinks is on, which a small system may leave off.
+bool isPlanted(const struct stat& link, const struct stat& folder) {
+  const bool shared = (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+  return shared && link.st_uid != folder.st_uid && link.st_uid != ::geteuid();
+}
+
+/// What the symbolic link that is open as `link` in `folder` points to. 0 or an errno value.
+int readLink(const UniqueFd& link, const struct stat& linkStatus, const UniqueFd& folder,
+             std::string& target) {
+  struct stat status = {};
+  if (::fstat(folder.get(), &status) != 0) return errno;
+  if (isPlanted(linkStatus, status)) return ELOOP;
+  char text[PATH_MAX];
+  const ssize_t length = ::readlinkat(link.get(), "", text, sizeof text);
+  if (length < 0) return errno;
+  target.assign(text, static_cast<std::size_t>(length));
+  return 0;
+}
+
+/// Walks to the folder of the last component, component by component, and leaves that in `name`.
+/// 0 or an errno value.
+int openFolder(const std::string& path, UniqueFd& folder, std::string& name) {
+  std::string rest = path;
+  folder = openPlace(AT_FDCWD, rest.starts_with('/') ? "/" : ".");
+  for (int links = 0; folder;) {
+    rest.erase(0, rest.find_first_not_of('/'));
+    const std::size_t end = rest.find('/');
+    if (end == std::string::npos) {
+      name = std::move(rest);
+      return 0;
+    }
+    UniqueFd next = openPlace(folder.get(), rest.substr(0, end));
+    struct stat status = {};
+    if (!next || ::fstat(next.get(), &status) != 0) return errno;
+    if (S_ISLNK(status.st_mode)) {
+      std::string target;
+      if (++links > kMaxLinks) return ELOOP;
+      if (const int failure = readLink(next, status, folder, target); failure != 0) return failure;
+      if (target.starts_with('/')) folder = openPlace(AT_FDCWD, "/");
+      rest.replace(0, end, target);
+    } else {
+      folder = std::move(next);
+      rest.erase(0, end);
+    }
+  }
+  return errno;
+}
+
+/// Empties the file only once it is known to be a regular one. 0 or an errno value.
+int emptyRegularFile(int descriptor) {
+  struct stat status = {};
+  if (::fstat(descriptor, &status) != 0) return errno;
+  if (!S_ISREG(status.st_mode)) return EOPNOTSUPP;
+  return ::ftruncate(descriptor, 0) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+int openOutputFile(const std::string& path, UniqueFd& file) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  // The kernel's own limit, which a walk would go around.
+  if (path.size() >= PATH_MAX) return ENAMETOOLONG;
+  UniqueFd folder;
+  std::string name;
+  if (const int failure = openFolder(path, folder, name); failure != 0) return failure;
+  UniqueFd opened(::openat(folder.get(), name.c_str(), kFlags, 0666));
+  if (!opened) return errno;
+  const int failure = emptyRegularFile(opened.get());
+  if (failure == 0) file = std::move(opened);
+  return failure;
+}
+
+}  // namespace qs_ns
