@@ -1,0 +1,131 @@
+// A real sound server that dies, hangs or is away while the daemon speaks through it. Real time.
+
+#include "support/sound_server.h"
+
+#include <chrono>
+#include <csignal>
+#include <optional>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "daemon/fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr char kLost[] = "LOG_ERR audio playback session lost";
+constexpr char kDropped[] = "LOG_ERR QS_MessageQueueThread: Error in startMsRTPSession()";
+
+class SoundServerFaults : public test::DaemonTest {
+ protected:
+  void SetUp() override {
+    test::useSoundServer(folder);
+    server.emplace(folder);
+  }
+  void TearDown() override {
+    if (server.has_value()) server->signal(SIGCONT);
+  }
+
+  void startOnServer() {
+    start({.properties = "device.accessibility.qs_enabled = true\n"
+                         "device.feature.dbus-automation = 1\n",
+           .audio = "alsa:pulse",
+           .arguments = {}});
+  }
+
+  /// Asks for some ten seconds of speech; its handle once it is heard.
+  std::uint64_t speakUntilHeard() {
+    test::SoundRecording recording;
+    const std::uint64_t handle = client->play({test::longText().substr(0, 220)}).value;
+    EXPECT_EQ(recording.take(4800).size(), 4800U);
+    return handle;
+  }
+
+  /// How long it takes from the call until a word is heard; its result must be 0.
+  std::chrono::duration<double> timeUntilHeard() {
+    test::SoundRecording recording;
+    const auto asked = std::chrono::steady_clock::now();
+    const std::uint64_t handle = client->play({"hello"}).value;
+    EXPECT_EQ(recording.take(480).size(), 480U);
+    const auto heard = std::chrono::steady_clock::now();
+    EXPECT_EQ(client->awaitResult(handle)->resultCode, 0U);
+    return heard - asked;
+  }
+
+  std::optional<test::SoundServer> server;
+};
+
+TEST_F(SoundServerFaults, AServerThatIsKilledInMidWordIsFoundAgain) {
+  startOnServer();
+  const std::uint64_t cut = speakUntilHeard();
+  const auto killed = std::chrono::steady_clock::now();
+  server->signal(SIGKILL);
+  // Nothing holds it up any more.
+  EXPECT_EQ(client->awaitResult(cut)->resultCode, 0U) << "ended";
+  EXPECT_LT(std::chrono::steady_clock::now() - killed, 3s);
+  EXPECT_EQ(daemon->countLog(kLost), 1) << "once, not for each frame";
+  server.reset();
+  server.emplace(folder);
+  EXPECT_LT(timeUntilHeard(), test::kSlowBuild ? 2s : 1s);
+}
+
+TEST_F(SoundServerFaults, AServerThatIsAwayForTenSecondsIsFoundAgain) {
+  startOnServer();
+  speakUntilHeard();
+  server.reset();
+  const auto back = std::chrono::steady_clock::now() + 10s;
+  int dropped = 0;
+  for (; std::chrono::steady_clock::now() < back; client->listen(500ms)) {
+    client->play({"unheard"});
+    ASSERT_TRUE(daemon->waitForLog(kDropped, ++dropped));
+  }
+  EXPECT_EQ(client->results().size(), 1U) << "what cannot be begun is dropped without a result";
+  EXPECT_EQ(daemon->countLog(kLost), 1);
+  server.emplace(folder);
+  EXPECT_LT(timeUntilHeard(), test::kSlowBuild ? 2s : 1s);
+}
+
+TEST_F(SoundServerFaults, AServerThatHangsForThreeSecondsIsHeardAgain) {
+  startOnServer();
+  const std::uint64_t cut = speakUntilHeard();
+  server->signal(SIGSTOP);
+  const auto stuck = std::chrono::steady_clock::now();
+  EXPECT_EQ(client->awaitResult(cut)->resultCode, 0U) << "ended";
+  EXPECT_LT(std::chrono::steady_clock::now() - stuck, test::kSlowBuild ? 6s : 3s);
+  EXPECT_EQ(daemon->countLog(kLost), 1);
+  client->play({"unheard"});
+  EXPECT_TRUE(daemon->waitForLog(kDropped));
+  while (std::chrono::steady_clock::now() < stuck + 3s)
+    client->listen(100ms);
+  server->signal(SIGCONT);
+  EXPECT_LT(timeUntilHeard(), test::kSlowBuild ? 5s : 2500ms);
+}
+
+TEST_F(SoundServerFaults, AServerThatHangsHoldsUpNeitherStopNorTearDownNorEnd) {
+  startOnServer();
+  const std::uint64_t cut = speakUntilHeard();
+  server->signal(SIGSTOP);
+  auto asked = std::chrono::steady_clock::now();
+  EXPECT_EQ(client->stop(cut).error, "");
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, test::kSlowBuild ? 100ms : 50ms);
+  EXPECT_EQ(client->awaitResult(cut)->resultCode, 1U);
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, test::kSlowBuild ? 6s : 3s);
+
+  // The name is given up a second after it is asked for; a session is opened all the time.
+  asked = std::chrono::steady_clock::now();
+  EXPECT_EQ(client->reload(1).error, "");
+  for (int i = 0; i < 9; ++i) {
+    client->play({"unheard"}, 1);
+    client->listen(100ms);
+  }
+  ASSERT_TRUE(client->awaitName(false));
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, test::kSlowBuild ? 4s : 2s);
+  daemon->signal(SIGTERM);
+  asked = std::chrono::steady_clock::now();
+  EXPECT_EQ(daemon->exitStatus(), 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, test::kSlowBuild ? 2s : 1s);
+}
+
+}  // namespace
