@@ -131,7 +131,8 @@ std::ostream& operator<<(std::ostream& out, const Stage& stage) {
 
 class TearDown : public ExactlyOnce, public testing::WithParamInterface<Stage> {};
 
-// The name is given up a second after it is asked for; the time to plan a stage for.
+// The name is given up a second after it is asked for; the time to plan a stage for. All but the
+// last have a second request queued; a session that opens is with the sound server's tests.
 TEST_P(TearDown, ReportsWhatSoundedAndGivesTheNameUpInTime) {
   start({.properties = "device.accessibility.qs_enabled = true\n"
                        "device.feature.dbus-automation = 1\n",
