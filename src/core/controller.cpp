@@ -164,8 +164,9 @@ void QS_Controller::restartCaching(bool force) {
     const platform::MutexLock hold(mCacheMutex);
     if (!force && mCachingStarted) return;
     if (mCacheThread != nullptr) mCacheThread->stopThread();
-    replaced = std::move(mCacheThread);
-    mCacheThread = createCacheThread(this, false);
+    // Made before the old one is let go of, so that one stays held where there is no memory.
+    std::shared_ptr<QS_CacheThreadBase> builder = createCacheThread(this, false);
+    replaced = std::exchange(mCacheThread, std::move(builder));
     mCacheThread->clearDynamicPhraseCache();
     mCacheThread->runThread();
     mCachingStarted = true;

@@ -39,7 +39,8 @@ class QS_CacheThreadBase {
   /// Keeps a copy of the wave's samples as the newest text. False where it was refused: an empty
   /// text or wave, more than 15 s of sound, or a builder that was asked to end.
   virtual bool addDynamicCacheEntry(std::string text, Wave wave) = 0;
-  /// Makes the text the newest again, back in the cache where it had left. False where refused.
+  /// Makes the text the newest again. False where it was refused, or has left the cache meanwhile,
+  /// where it stays out: the samples may be from before a reload.
   virtual bool refreshDynamicCacheText(std::string text,
                                        std::shared_ptr<const std::int16_t[]> samples,
                                        int count) = 0;
