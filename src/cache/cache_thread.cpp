@@ -59,12 +59,14 @@ int cache_audio_stream_chunk(const cst_wave* wave, int /*start*/, int /*size*/, 
 QS_CacheThread::QS_CacheThread(QS_ControllerBase* owner, bool featureIsOff, BuilderLine& turns)
     : controller(owner),
       lastIndex(featureIsOff ? kLastIndexBeforeShortSet : -1),
-      speed(qs_fetch_speed(nullptr)),
       featureOff(featureIsOff),
       line(turns) {
   PhraseMap outdated;
-  const platform::MutexLock lock(cacheMutex);
-  outdated = static_cache::clear();
+  {
+    const platform::MutexLock lock(cacheMutex);
+    outdated = static_cache::clear();
+  }
+  speed = qs_fetch_speed(nullptr);
 }
 
 QS_CacheThread::~QS_CacheThread() {
@@ -134,25 +136,30 @@ Wave QS_CacheThread::synthesise(const char* text) {
 }
 
 bool QS_CacheThread::givesUpSynthesis() {
-  gaveWay = paused;
+  // Taken here, so that one that comes later is not forgotten together with it.
+  if (paused.exchange(false)) gaveWay = true;
   return gaveWay || stopped;
 }
 
 milliseconds QS_CacheThread::delayBeforeRetry(const cst_wave* wave, const char* text) {
   if (controller->isMessageQueueBusy()) {
+    keepPause();
     syslog(LOG_WARNING, "QS_CT:%s: Aborted cache and MessageQueue busy. Wait 5 seconds",
            "createCacheEntry");
     return kBusyWait;
   }
-  // A pause noticed in the last chunk has stopped nothing: the wave is whole, and the pause stays
-  // for the next synthesis.
-  if (!isEmpty(wave)) return milliseconds::zero();
-  if (gaveWay) {
-    paused = false;
-    return kGaveWayWait;
+  if (!isEmpty(wave)) {
+    // Noticed in the last chunk, it has stopped nothing.
+    keepPause();
+    return milliseconds::zero();
   }
+  if (gaveWay) return kGaveWayWait;
   syslog(LOG_WARNING, "QS_CT:%s: wav_out=NULL - %s. Wait 10 seconds", "createCacheEntry", text);
   return kNoWaveWait;
+}
+
+void QS_CacheThread::keepPause() {
+  if (gaveWay) paused = true;
 }
 
 bool QS_CacheThread::storePhrase(const std::string& text, const cst_wave& wave) {

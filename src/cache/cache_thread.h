@@ -65,6 +65,8 @@ class QS_CacheThread : public QS_CacheThreadBase,
   Wave synthesise(const char* text);
   /// How long to wait before the phrase is tried again; 0 where the wave is to be kept.
   std::chrono::milliseconds delayBeforeRetry(const cst_wave* wave, const char* text);
+  /// Leaves the pause that was taken for the next synthesis.
+  void keepPause();
   /// False where the builder was stopped before the phrase was in the cache.
   bool storePhrase(const std::string& text, const cst_wave& wave);
   /// Waits on the builder's own thread; a stop ends it.
@@ -75,8 +77,8 @@ class QS_CacheThread : public QS_CacheThreadBase,
   /// Place in the list of the last phrase stored. Builder's own thread only.
   int lastIndex;
   std::atomic<bool> paused{false};
-  /// Level 1 to 5.
-  const int speed;
+  /// Level 1 to 5, constant once the builder runs.
+  int speed = 0;
   const bool featureOff;
   BuilderLine& line;
   /// Was the last synthesis given up for a pause? Builder's own thread only.

@@ -73,12 +73,18 @@ TEST(CacheThread, TriesAPhraseAgainAfterTheWaitThatItsFailureAsksFor) {
     Outcome outcome = Outcome::whole;
     std::vector<std::chrono::nanoseconds> waits{};
     Texts warnings{}, texts{};
+    int pauseCall = -1;  // the question during which a further pause comes
   };
   const Row rows[] = {
       {.name = "paused early", .pauseAt = Stage::start, .waits = {200ms}, .texts = kAgain},
       {.name = "paused", .pauseAt = Stage::middle, .waits = {200ms}, .texts = kAgain},
       {.name = "paused late", .pauseAt = Stage::last, .waits = {200ms}, .texts = {"8", "9", "9"}},
       {.name = "paused after", .pauseAt = Stage::done, .waits = {200ms}, .texts = {"8", "9", "9"}},
+      {.name = "paused, and again when it gave way",
+       .pauseAt = Stage::middle,
+       .waits = {200ms, 200ms},
+       .texts = {"8", "8", "8", "9"},
+       .pauseCall = 1},
       // The pause stays for the first synthesis after the busy time.
       {"paused, then busy",
        Stage::middle,
@@ -104,7 +110,10 @@ TEST(CacheThread, TriesAPhraseAgainAfterTheWaitThatItsFailureAsksFor) {
     scene.speech.outcome = [&](int synthesis) {
       return synthesis == 0 ? row.outcome : Outcome::whole;
     };
-    scene.controller.busy = [&](int call) { return call == row.busyCall; };
+    scene.controller.busy = [&](int call) {
+      if (call == row.pauseCall) scene.controller.builder()->pauseThread();
+      return call == row.busyCall;
+    };
     scene.controller.restart(true);
     for (const auto wait : row.waits)
       EXPECT_EQ(clock.advanceToNextDeadline(), wait);
