@@ -115,6 +115,8 @@ void runCommandLine(int argc, char** argv) {
   qs_flite_init();
   const int result = runOperation(argc, argv);
   syslog(LOG_DEBUG, "After parse input: rc=%d", result);
+  // However long the reader takes; a signal ends the wait.
+  std::fflush(stdout);
 }
 
 }  // namespace qs_ns

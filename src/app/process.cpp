@@ -1,5 +1,6 @@
 #include "app/process.h"
 
+#include <poll.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -53,6 +54,13 @@ void takeSignals() {
       catchHup(signal);
     }
   }
+}
+
+/// Nobody may read it any more, or another thread may be waiting for the reader inside a printf.
+void flushOutput() {
+  constexpr int kPatienceMs = 500;
+  pollfd output{STDOUT_FILENO, POLLOUT, 0};
+  if (poll(&output, 1, kPatienceMs) > 0 && ftrylockfile(stdout) == 0) std::fflush(stdout);
 }
 
 void logTraceSettings() {
@@ -128,8 +136,7 @@ void endProcess(int status) {
       pause();
   }
   if (registered) cleanup();
-  // A thread may hold it inside a printf to a terminal that was stopped.
-  if (ftrylockfile(stdout) == 0) std::fflush(stdout);
+  flushOutput();
   if (__gcov_dump != nullptr) __gcov_dump();
   if (__lsan_do_leak_check != nullptr) __lsan_do_leak_check();
   _exit(status);

@@ -101,8 +101,16 @@ Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, const
   writeFile(folder / "trace.conf", "baseseverity = 7\n");
   const std::ofstream created(logFile, std::ios::app);
   const std::string audio = options.audio.empty() ? "wav:" + (folder / "sound.wav") : options.audio;
+  std::string program = QUILLSPEAK_DAEMON;
+  std::vector<std::string> arguments = options.arguments;
+  if (options.outputFull) {
+    // As much as a pipe takes.
+    const std::string fill = "head -c 65536 /dev/zero; exec \"$0\" \"$@\"";
+    arguments.insert(arguments.begin(), {"-c", fill, program});
+    program = "/bin/sh";
+  }
   process = std::make_unique<ChildProcess>(
-      QUILLSPEAK_DAEMON, options.arguments,
+      program, arguments,
       Environment{preloadEntry(), "QS_TEST_SYSLOG=" + logFile, "QS_TEST_RAND=1",
                   "QS_TEST_FILES=" + (folder / "files"), "DBUS_SYSTEM_BUS_ADDRESS=" + busAddress,
                   "QUILLSPEAK_RUN_DIR=" + (folder / "run"), "QUILLSPEAK_AUDIO=" + audio,

@@ -36,6 +36,8 @@ class Daemon {
     std::string properties = "device.accessibility.qs_enabled = true\n";
     std::string audio;
     std::vector<std::string> arguments;
+    /// Does it find its standard output full, so that it has to wait for a reader?
+    bool outputFull = false;
   };
 
   Daemon(const ScratchFolder& folder, const std::string& busAddress, const Options& options);
