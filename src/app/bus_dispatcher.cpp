@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <utility>
 
 #include "app/process.h"
 #include "platform/clock.h"
@@ -23,7 +24,7 @@ std::atomic<int> automationStatus{-1};
 // Is the bus name about to be given up? Whoever asks again meanwhile gets no second thread.
 std::atomic<bool> disconnecting{false};
 
-// What clients see of a lost bus: the process ends with -1.
+// Whoever started the process sees 255.
 constexpr int kBusLost = -1;
 
 }  // namespace
@@ -38,28 +39,21 @@ CheckingBusDispatcher::~CheckingBusDispatcher() {
 }
 
 void CheckingBusDispatcher::rem_watch(DBus::Watch* removed) {
-  const platform::MutexLock hold(removedMutex);
+  if (std::this_thread::get_id() != loopThread) return DBus::BusDispatcher::rem_watch(removed);
   static_cast<DBus::BusWatch*>(removed)->DBus::DefaultWatch::enabled(false);
   removedWatches.push_back(removed);
 }
 
 void CheckingBusDispatcher::rem_timeout(DBus::Timeout* removed) {
-  const platform::MutexLock hold(removedMutex);
+  if (std::this_thread::get_id() != loopThread) return DBus::BusDispatcher::rem_timeout(removed);
   static_cast<DBus::BusTimeout*>(removed)->DBus::DefaultTimeout::enabled(false);
   removedTimeouts.push_back(removed);
 }
 
 void CheckingBusDispatcher::deleteRemoved() {
-  std::vector<DBus::Watch*> watches;
-  std::vector<DBus::Timeout*> timeouts;
-  {
-    const platform::MutexLock hold(removedMutex);
-    watches.swap(removedWatches);
-    timeouts.swap(removedTimeouts);
-  }
-  for (DBus::Watch* const removed : watches)
+  for (DBus::Watch* const removed : std::exchange(removedWatches, {}))
     DBus::BusDispatcher::rem_watch(removed);
-  for (DBus::Timeout* const removed : timeouts)
+  for (DBus::Timeout* const removed : std::exchange(removedTimeouts, {}))
     DBus::BusDispatcher::rem_timeout(removed);
 }
 
@@ -126,11 +120,11 @@ void qs_disconnectDBus() {
 
 void* disconnectDBusMethod(void* /*unused*/) {
   platform::clock().sleepFor(std::chrono::seconds(1));
-  disconnecting = false;
   withDispatcher([](CheckingBusDispatcher& dispatcher) {
     syslog(LOG_INFO, "Disconnecting DBus Connection");
     dispatcher.postLeave();
   });
+  disconnecting = false;
   return nullptr;
 }
 

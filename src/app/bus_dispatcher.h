@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <thread>
 #include <vector>
 
 #include <dbus-c++/dbus.h>
@@ -22,8 +23,9 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
   void attach(DBus::Connection* served) { connection = served; }
 
   void do_iteration() override;
-  /// Put aside what is removed, where it does nothing: the library may remove a watch or a timeout
-  /// while it walks over it, and touches it afterwards. Any thread.
+  /// On the loop's own thread put aside what is removed, where it does nothing: the library may
+  /// remove a watch or a timeout while it walks over it, and touches it afterwards. On another they
+  /// wait until the loop has left it, since its descriptor and record die once they return.
   void rem_watch(DBus::Watch* removed) override;
   void rem_timeout(DBus::Timeout* removed) override;
 
@@ -42,9 +44,9 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
   DBus::Connection* connection = nullptr;
   /// Was the loop told to leave?
   bool left = false;
-  platform::Mutex removedMutex{true};
-  std::vector<DBus::Watch*> removedWatches GUARDED_BY(removedMutex);
-  std::vector<DBus::Timeout*> removedTimeouts GUARDED_BY(removedMutex);
+  const std::thread::id loopThread = std::this_thread::get_id();
+  std::vector<DBus::Watch*> removedWatches;     // loop's thread only
+  std::vector<DBus::Timeout*> removedTimeouts;  // loop's thread only
 };
 
 /// The dispatcher of the cycle under way, null for none. Main thread. Others reach it through
