@@ -11,6 +11,11 @@
 
 namespace qs_ns {
 
+namespace {
+// As the speech engine says it.
+constexpr int kNotSynthesised = -2;
+}  // namespace
+
 void ConversionLine::enter(const QS_ConvertTTSThread* conversion) {
   const platform::MutexLock hold(mutex);
   line.push_back(conversion);
@@ -66,7 +71,7 @@ void QS_ConvertTTSThread::stop() {
 bool QS_ConvertTTSThread::threadLoop() {
   turns.pause(this, std::chrono::milliseconds(50));
   syslog(LOG_NOTICE, "QS_ConvertTTSThread: threadloop started");
-  FliteConversionResponse response{callTag, 0, true};
+  FliteConversionResponse response{callTag, kNotSynthesised, true};
   if (turns.waitForTurn(this)) {
     response.result = qs_flite_tts_file(text, path, 0, &stopped);
     if (response.result != 0) syslog(LOG_NOTICE, "Error in TTS: %d", response.result);

@@ -145,13 +145,13 @@ std::uint64_t QuillspeakDBusImpl::DoTTSAndPlay(const std::vector<std::string>& t
     syslog(LOG_WARNING, "%s: Empty string passed for conversion", "DoTTSAndPlay");
     return 0;
   }
-  if (const char* limit = playLimitBroken(textToConvert, mController->requestsWaiting())) {
-    throw DBus::ErrorLimitsExceeded(limit);
-  }
   syslog(LOG_INFO, "%s: params-%d, flags-%d", "DoTTSAndPlay", params, flags);
   for (const std::string& text : textToConvert) {
     syslog(LOG_INFO, "%s: Sending string with size %d", "DoTTSAndPlay",
            static_cast<int>(text.size()));
+  }
+  if (const char* limit = playLimitBroken(textToConvert, mController->requestsWaiting())) {
+    throw DBus::ErrorLimitsExceeded(limit);
   }
   return mController->playMediaFromText(textToConvert, params, type, flags);
 }
@@ -222,6 +222,11 @@ void QuillspeakDBusImpl::actionFinishedCallBack(FliteConversionResponse& respons
 }
 
 void QuillspeakDBusImpl::answerConversion(const FliteConversionResponse& response) {
+  // Gone in any case, or the conversion would count as under way for ever.
+  std::unique_ptr<DBus::Tag> answered;
+  for (Conversion& conversion : mConversions) {
+    if (conversion.tag.get() == response.tag) answered = std::move(conversion.tag);
+  }
   Continuation* const call = find_continuation(response.tag);
   if (call == nullptr) {
     char address[32];
@@ -235,10 +240,6 @@ void QuillspeakDBusImpl::answerConversion(const FliteConversionResponse& respons
     call->writer().append_int32(response.result);
     return_now(call);
   }
-  const auto answered = std::find_if(
-      mConversions.begin(), mConversions.end(),
-      [&](const Conversion& conversion) { return conversion.tag.get() == response.tag; });
-  if (answered != mConversions.end()) answered->tag.reset();
 }
 
 void QuillspeakDBusImpl::endConversions() {

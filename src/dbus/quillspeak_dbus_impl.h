@@ -71,8 +71,8 @@ class QuillspeakDBusImpl final : public QS_DBusBase,
   void endConversions();
 
   QS_Controller* mController = nullptr;
-  BusWork& mPosted;
   ConversionCallback mFinishedCallback;
+  BusWork& mPosted;
   DBus::MessageSlot mFilter;
   ConversionLine mConversionLine;
   std::list<Conversion> mConversions;

@@ -99,7 +99,8 @@ TEST_F(Conversions, EndWhenAskedBothWaitingAndSynthesisingAndReportThat) {
   test::waitsBegun().await(waits + 1);
   waiting.stop();
   waiting.join();
-  EXPECT_EQ(reports.all.size(), 1U) << "one that waits ends while another synthesises";
+  ASSERT_EQ(reports.all.size(), 1U) << "one that waits ends while another synthesises";
+  EXPECT_EQ(reports.all[0].result, -2);
   synthesising.stop();
   running.open();
   synthesising.join();
