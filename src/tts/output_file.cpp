@@ -18,6 +18,8 @@ using platform::UniqueFd;
 // As many as the kernel follows in one path.
 constexpr int kMaxLinks = 40;
 
+constexpr int kEnter = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
 UniqueFd openPlace(int folder, const std::string& name) {
   return UniqueFd(::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 }
@@ -64,35 +66,52 @@ int openFolder(const std::string& path, UniqueFd& folder, std::string& name) {
       if (target.starts_with('/')) folder = openPlace(AT_FDCWD, "/");
       rest.replace(0, end, target);
     } else {
-      folder = std::move(next);
+      // Opened in earnest where that is allowed: a place in the tree alone mounts no file system.
+      UniqueFd entered(::openat(folder.get(), rest.substr(0, end).c_str(), kEnter));
+      folder = entered ? std::move(entered) : std::move(next);
       rest.erase(0, end);
     }
   }
   return errno;
 }
 
-/// Empties the file only once it is known to be a regular one. 0 or an errno value.
-int emptyRegularFile(int descriptor) {
+/// 0 for a regular file, else what it is to be refused with.
+int refusal(const UniqueFd& file) {
   struct stat status = {};
-  if (::fstat(descriptor, &status) != 0) return errno;
-  if (!S_ISREG(status.st_mode)) return EOPNOTSUPP;
-  return ::ftruncate(descriptor, 0) == 0 ? 0 : errno;
+  if (::fstat(file.get(), &status) != 0) return errno;
+  if (S_ISLNK(status.st_mode)) return ELOOP;
+  if (S_ISDIR(status.st_mode)) return EISDIR;
+  return S_ISREG(status.st_mode) ? 0 : EOPNOTSUPP;
+}
+
+/// Looks at what is there before it is opened, since some devices act on that alone, and once more
+/// afterwards, since it may be another one by then. 0 or an errno value.
+int openRegularFile(const UniqueFd& folder, const std::string& name, UniqueFd& file) {
+  constexpr int kFlags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  const UniqueFd found = openPlace(folder.get(), name);
+  if (found) {
+    if (const int failure = refusal(found); failure != 0) return failure;
+  } else if (errno != ENOENT) {
+    return errno;
+  }
+  file = UniqueFd(
+      ::openat(folder.get(), name.c_str(), found ? kFlags : kFlags | O_CREAT | O_EXCL, 0666));
+  return file ? refusal(file) : errno;
 }
 
 }  // namespace
 
 int openOutputFile(const std::string& path, UniqueFd& file) {
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
   // The kernel's own limit, which a walk would go around.
   if (path.size() >= PATH_MAX) return ENAMETOOLONG;
   UniqueFd folder;
   std::string name;
   if (const int failure = openFolder(path, folder, name); failure != 0) return failure;
-  UniqueFd opened(::openat(folder.get(), name.c_str(), kFlags, 0666));
-  if (!opened) return errno;
-  const int failure = emptyRegularFile(opened.get());
-  if (failure == 0) file = std::move(opened);
-  return failure;
+  UniqueFd opened;
+  if (const int failure = openRegularFile(folder, name, opened); failure != 0) return failure;
+  if (::ftruncate(opened.get(), 0) != 0) return errno;
+  file = std::move(opened);
+  return 0;
 }
 
 }  // namespace qs_ns

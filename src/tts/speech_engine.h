@@ -58,11 +58,11 @@ int qs_fetch_speed(const QS_StreamUserData* userData);
 // Both ways of synthesis pass the text through `guardText`, and one that is still heavier than an
 // utterance may be is spoken in pieces, each with its own hold of the voice.
 
-/// Synthesises `text` into a RIFF WAVE file at `path` (not followed if a symbolic link, and only a
-/// regular file is written; empty writes none). Blocks for the whole synthesis; any thread.
+/// Synthesises `text` into a RIFF WAVE file at `path`, which `openOutputFile` opens (empty: none is
+/// written). Blocks for the whole synthesis; any thread.
 /// `stop`, where given, ends it at the next chunk: nothing is written then and the result is -2; it
-/// does not end a wait for the voice (one piece of another text), and comes too late once all is
-/// synthesised. `reserved` is not used.
+/// does not end a wait for the voice (one piece of another text), and comes too late once the file
+/// is begun. `reserved` is not used.
 /// 0 done, also where the file could not be written (which is logged) or there is no voice; -2
 /// where Flite produced no wave.
 int qs_flite_tts_file(const std::string& text, const std::string& path, int reserved,

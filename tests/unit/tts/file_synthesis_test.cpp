@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -8,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/unique_fd.h"
 #include "support/file_size_limit.h"
 #include "support/flite_alone.h"
 #include "support/scratch_folder.h"
@@ -58,17 +61,22 @@ TEST_F(FileSynthesis, WritesNothingButARegularFileAndLogsIt) {
   test::writeFile(folder / "target", "precious");
   std::filesystem::create_symlink(folder / "target", folder / "link");
   ASSERT_EQ(mkfifo((folder / "pipe without a reader").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+  const platform::UniqueFd reader(
+      open((folder / "pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   std::string deep = folder.path();
   while (deep.size() < PATH_MAX)
     deep += "/.";
-  for (const std::string& no :
-       {folder / "link", folder / "pipe without a reader", std::string("/dev/null"),
-        folder / "target/x", folder.path(), folder.path() + "/", deep + "/new"}) {
+  for (const std::string& no : {folder / "link", folder / "pipe without a reader", folder / "pipe",
+                                std::string("/dev/null"), folder / "target/x", folder.path(),
+                                folder.path() + "/", deep + "/new"}) {
     EXPECT_EQ(qs_flite_tts_file("a", no, 0), 0);
     EXPECT_EQ(test::countLog("qs_flite_tts_file: cannot write ", LOG_ERR), 1) << no;
     test::clearLog();
   }
   EXPECT_EQ(test::readFile(folder / "target"), "precious");
+  pollfd hungUp{reader.get(), POLLIN, 0};
+  EXPECT_EQ(poll(&hungUp, 1, 0), 0) << "a writer came and went: some devices act on being opened";
 }
 
 TEST_F(FileSynthesis, FollowsNoLinkThatAStrangerPlantedOnTheWay) {
