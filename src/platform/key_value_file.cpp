@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cstring>
 #include <ctime>
+#include <limits>
 
 #include "platform/unique_fd.h"
 
@@ -29,8 +30,10 @@ bool sameState(const struct stat& a, const struct stat& b) {
 
 // File times come from the coarse clock and move in ticks: a rewrite in the tick of the last change
 // keeps the stamp. Once that tick has passed, any rewrite moves it. Where the file system keeps no
-// fractions of a second, a tick is up to 2 s.
+// fractions of a second, a tick is up to 2 s. A stamp from the future, before the clock was set, is
+// no rewrite's either.
 bool tickHasPassed(const timespec& now, const timespec& changed) {
+  if (changed.tv_sec - now.tv_sec >= 2) return true;
   if (changed.tv_nsec == 0) return now.tv_sec - changed.tv_sec >= 2;
   return now.tv_sec > changed.tv_sec ||
          (now.tv_sec == changed.tv_sec && now.tv_nsec > changed.tv_nsec);
@@ -69,8 +72,12 @@ std::optional<std::int64_t> parseDigits(std::string_view digits, int base) {
   std::int64_t number = 0;
   const char* end = digits.data() + digits.size();
   const auto [rest, error] = std::from_chars(digits.data(), end, number, base);
-  if (error != std::errc() || rest != end) return std::nullopt;
-  return number;
+  if (rest != end) return std::nullopt;
+  if (error == std::errc::result_out_of_range) {
+    return digits.starts_with('-') ? std::numeric_limits<std::int64_t>::min()
+                                   : std::numeric_limits<std::int64_t>::max();
+  }
+  return error == std::errc() ? std::optional(number) : std::nullopt;
 }
 
 }  // namespace

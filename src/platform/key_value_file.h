@@ -54,7 +54,7 @@ class KeyValueFile {
 /// `true`/`false`, `1`/`0`, `yes`/`no`, `on`/`off`, in any case.
 std::optional<bool> parseBoolean(std::string_view text);
 
-/// A whole decimal number with an optional sign; nothing outside 64 bits.
+/// A whole decimal number with an optional sign; outside 64 bits the nearest one within.
 std::optional<std::int64_t> parseDecimal(std::string_view text);
 
 /// The same, or `0x` and hexadecimal digits.

@@ -74,7 +74,11 @@ int openPidFile(const std::string& path, std::unique_ptr<PidFile>& registration)
   if (handle == nullptr) return errno == EACCES && isHeld(path) ? EEXIST : errno;
   registration = std::make_unique<PidFile>(path, handle);
   fcntl(pidfile_fileno(handle), F_SETFD, FD_CLOEXEC);
-  return pidfile_write(handle) == 0 ? 0 : errno;
+  // It is the lock that counts; on a full disk the number stays away.
+  if (pidfile_write(handle) != 0) {
+    syslog(LOG_WARNING, "%s: left empty: %s", path.c_str(), std::strerror(errno));
+  }
+  return 0;
 }
 
 }  // namespace

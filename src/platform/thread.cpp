@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -93,7 +94,12 @@ void Thread::settle() const {
 }
 
 int startDetached(const char* name, std::function<void()> body) {
-  auto work = std::make_unique<DetachedWork>(DetachedWork{name, std::move(body)});
+  std::unique_ptr<DetachedWork> work;
+  try {
+    work = std::make_unique<DetachedWork>(DetachedWork{name, std::move(body)});
+  } catch (const std::bad_alloc&) {
+    return -ENOMEM;
+  }
   pthread_t thread{};
   if (const int error = pthread_create(&thread, nullptr, enterDetached, work.get())) return -error;
   // The thread owns it from here on.

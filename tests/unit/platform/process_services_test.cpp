@@ -16,6 +16,7 @@
 
 #include "platform/run_directory.h"
 #include "platform/unique_fd.h"
+#include "support/file_size_limit.h"
 #include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
 
@@ -65,6 +66,15 @@ TEST_F(PidRegistration, IsRefusedWhileAnotherHoldsItAndFreeAfterItsCrash) {
   }
   EXPECT_EQ(create_varrunpid("daemon"), 0);
   EXPECT_EQ(test::readFile(file), std::to_string(getpid()));
+}
+
+TEST_F(PidRegistration, HoldsAlsoWhereTheDiskIsFull) {
+  {
+    const test::FileSizeLimit full(0);
+    EXPECT_EQ(create_varrunpid("daemon"), 0);
+  }
+  const platform::UniqueFd other(open(file.c_str(), O_RDWR | O_CLOEXEC));
+  EXPECT_NE(flock(other.get(), LOCK_EX | LOCK_NB), 0);
 }
 
 TEST_F(PidRegistration, StartsWithAWarningWhereThereIsNoFolder) {
@@ -137,6 +147,7 @@ TEST(TraceSettings, FillTheRecordAndSetTheLogMask) {
        {7, 1, 31, 171, -3}},
       {"baseseverity = 8\ntracemask = 0xFFFFFFFF\ndata = 0x100000000", {7, 0, -1, 0, 0}},
       {"baseseverity = -1", {0, 0, 0, 0, 0}},
+      {"baseseverity = 99999999999999999999\ndata = -99999999999999999999", {7, 0, 0, 0, 0}},
       {"baseseverity = loud\ndata = 5 apples\noption = 0x\npersistent = 0x-1", {6, 0, 0, 0, 0}},
   };
   const test::ScratchFolder folder;
