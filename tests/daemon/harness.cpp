@@ -118,6 +118,15 @@ Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, const
                   "QUILLSPEAK_TRACE=" + (folder / "trace.conf")});
 }
 
+Daemon::~Daemon() {
+#ifdef QUILLSPEAK_COVERAGE
+  // What is killed does not write down what it counted.
+  if (process->hasEnded()) return;
+  signal(SIGTERM);
+  process->wait();
+#endif
+}
+
 void Daemon::signal(int number) const {
   ::kill(process->id(), number);
 }

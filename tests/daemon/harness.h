@@ -42,6 +42,10 @@ class Daemon {
 
   Daemon(const ScratchFolder& folder, const std::string& busAddress, const Options& options);
 
+  ~Daemon();
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
   pid_t id() const { return process->id(); }
   void signal(int number) const;
   /// Waits for the end; the exit status, or -N where it died of signal N.

@@ -23,6 +23,8 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   pid_t id() const { return process; }
+  /// Was it waited for?
+  bool hasEnded() const { return ended; }
   /// Blocks for the next byte of the child's standard output; false at its end.
   bool readByte();
   /// What is left of the child's standard output, to its end.
