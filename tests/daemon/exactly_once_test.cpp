@@ -135,9 +135,7 @@ class TearDown : public ExactlyOnce, public testing::WithParamInterface<Stage> {
 // last have a second request queued; a session that opens is with the sound server's tests.
 TEST_P(TearDown, ReportsWhatSoundedAndGivesTheNameUpInTime) {
   start({.properties = "device.accessibility.qs_enabled = true\n"
-                       "device.feature.dbus-automation = 1\n",
-         .audio = {},
-         .arguments = {}});
+                       "device.feature.dbus-automation = 1\n"});
   if (!GetParam().again) {
     test::writeFile(folder / "files/error_mono.raw", std::string(20 * 32000, '\x10'));
   }

@@ -46,7 +46,7 @@ class Faults : public test::DaemonTest {
     return std::getenv("QS_TEST_LONG") != nullptr ? inLongTests : usually;
   }
 
-  void startEnabled() { start({.properties = kEnabled, .audio = {}, .arguments = {}}); }
+  void startEnabled() { start({.properties = kEnabled}); }
 };
 
 const struct {
@@ -119,6 +119,26 @@ TEST_F(Faults, AReaderOfPropertiesNeverSeesOneThatIsBeingReplaced) {
   writer.get();
   EXPECT_GT(reads, replacements / 20);
   EXPECT_EQ(playToEnd({"on"}), 0U);
+}
+
+TEST_F(Faults, WhereNoThreadIsToBeHadCallersAreToldAndAllWorksLater) {
+  start({.properties = std::string(kEnabled) + "device.feature.dbus-automation = 1\n"});
+  ASSERT_TRUE(daemon->waitForLog("Number of phrases in cache:51"));
+  test::writeFile(folder / "files/no-threads", "");
+  const test::Reply refused = client->fetch("on", folder / "on.wav");
+  EXPECT_EQ(refused.error, "org.freedesktop.DBus.Error.Failed");
+  EXPECT_NE(refused.message.find("no thread could be started"), std::string::npos);
+  EXPECT_EQ(playToEnd({"on"}), 1U) << "what cannot be played counts as stopped";
+  EXPECT_EQ(daemon->countLog("LOG_ERR executeStream: no thread for the writer"), 1);
+  EXPECT_EQ(client->reload(1).error, "");
+  EXPECT_EQ(daemon->countLog("LOG_WARNING qs_disconnectDBus: pthread create failed"), 1);
+  EXPECT_EQ(client->reload(0).error, "");
+  EXPECT_EQ(daemon->countLog("LOG_ERR QS_CT:runThread: no thread for the phrase cache"), 1);
+  std::filesystem::remove(folder / "files/no-threads");
+  EXPECT_EQ(client->fetch("on", folder / "on.wav").error, "");
+  EXPECT_EQ(playToEnd({"on"}), 0U);
+  EXPECT_EQ(client->reload(0).error, "");
+  EXPECT_TRUE(daemon->waitForLog("QS_CT:threadLoop: Message queue is busy")) << "it runs";
 }
 
 const struct {
@@ -199,8 +219,7 @@ TEST_F(Faults, ASecondCopyEndsAtEveryStageAndDisturbsNothing) {
     // The cache is built once.
     const bool once = std::string(stage.logged).starts_with("QS_CT:");
     ASSERT_TRUE(daemon->waitForLog(stage.logged, once ? 1 : before + 1));
-    Daemon second(folder, bus.address(),
-                  {.properties = kEnabled, .audio = "null", .arguments = {}});
+    Daemon second(folder, bus.address(), {.properties = kEnabled, .audio = "null"});
     EXPECT_EQ(second.exitStatus(), 1) << stage.what;
     EXPECT_EQ(playToEnd({"on"}), 0U) << stage.what;
   }

@@ -34,8 +34,8 @@ class Daemon {
  public:
   struct Options {
     std::string properties = "device.accessibility.qs_enabled = true\n";
-    std::string audio;
-    std::vector<std::string> arguments;
+    std::string audio{};
+    std::vector<std::string> arguments{};
     /// Does it find its standard output full, so that it has to wait for a reader?
     bool outputFull = false;
   };

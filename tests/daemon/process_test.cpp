@@ -142,10 +142,8 @@ TEST_F(Sigterm, EndsItWithinASecondWhateverItDoes) {
 TEST_F(Sigterm, EndsItWhileNobodyReadsItsOutput) {
   for (const char* const operation : {"-h", "dump"}) {
     std::filesystem::remove(folder / "log");
-    daemon.emplace(
-        folder, bus.address(),
-        Daemon::Options{
-            .properties = {}, .audio = {}, .arguments = {operation}, .outputFull = true});
+    daemon.emplace(folder, bus.address(),
+                   Daemon::Options{.arguments = {operation}, .outputFull = true});
     ASSERT_TRUE(daemon->waitForLog("After parse input: rc=-1"));
     expectEndBySigterm(operation);
   }

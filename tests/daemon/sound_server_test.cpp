@@ -31,8 +31,7 @@ class SoundServerFaults : public test::DaemonTest {
   void startOnServer() {
     start({.properties = "device.accessibility.qs_enabled = true\n"
                          "device.feature.dbus-automation = 1\n",
-           .audio = "alsa:pulse",
-           .arguments = {}});
+           .audio = "alsa:pulse"});
   }
 
   /// Asks for some ten seconds of speech; its handle once it is heard.

@@ -63,7 +63,7 @@ class Stress : public test::DaemonTest {
  protected:
   void SetUp() override {
     std::printf("seed %u\n", seed);
-    start({.properties = "device.accessibility.qs_enabled = true\n", .audio = {}, .arguments = {}});
+    start({.properties = "device.accessibility.qs_enabled = true\n"});
     for (int i = 0; i < 3; ++i)
       others.push_back(std::make_unique<test::Client>(bus.address()));
     test::writeFile(folder / "files/error_mono.raw", std::string(3200, '\x10'));

@@ -17,6 +17,7 @@ std::atomic<int> peak{0};
 std::atomic<int> creationsUntilFailure{0};
 std::atomic<int> wavesDeleted{0};
 thread_local const void* argumentOfThread = nullptr;
+thread_local const void* lockedLast = nullptr;
 
 // Written before the lock that it waits for, on that lock's thread or before that thread starts.
 std::atomic<const void*> awaitedMutex{nullptr};
@@ -58,6 +59,9 @@ void beforeNextLock(const void* mutex, std::function<void()> action) {
   awaitedAction = std::move(action);
   awaitedMutex = mutex;
 }
+const void* lastLocked() {
+  return lockedLast;
+}
 Tally& waitsBegun() {
   static Tally tally;
   return tally;
@@ -97,6 +101,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
   if (awaitedMutex.compare_exchange_strong(expected, nullptr)) {
     std::exchange(awaitedAction, nullptr)();
   }
+  lockedLast = mutex;
   return __real_pthread_mutex_lock(mutex);
 }
 

@@ -22,6 +22,9 @@ void failThread(int creation);
 /// Calls `action` on the thread that is the next to lock `mutex`, just before it has it.
 void beforeNextLock(const void* mutex, std::function<void()> action);
 
+/// The mutex that the calling thread locked last.
+const void* lastLocked();
+
 /// How often a thread has begun to wait on a condition without a deadline. It is counted with the
 /// mutex held that goes with the condition, so whoever has that next finds the thread waiting.
 Tally& waitsBegun();

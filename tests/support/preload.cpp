@@ -3,6 +3,7 @@
 //                   "<LEVEL> <text>" with a newline written as \n, and one for openlog:
 //                   "openlog ident=I option=0xO facility=0xF"
 //   QS_TEST_FILES   a folder in which the files of fixed paths are looked for, by their names alone
+//                   and in which a file "no-threads" makes every start of a thread fail
 //   QS_TEST_RAND    see pinned_rand.cpp
 
 // The fortified headers define what is defined here.
@@ -10,6 +11,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -213,6 +215,16 @@ int openat(int folder, const char* path, int flags, ...) {
   const mode_t mode = modeOf(flags, arguments);
   va_end(arguments);
   return original(folder, Redirected(path, folder).get(), flags, mode);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
+                   void* argument) {
+  static const auto original = next<decltype(pthread_create)>("pthread_create");
+  static const char* const files = std::getenv("QS_TEST_FILES");
+  char refuses[PATH_MAX];
+  std::snprintf(refuses, sizeof refuses, "%s/no-threads", files != nullptr ? files : "");
+  if (files != nullptr && access(refuses, F_OK) == 0) return EAGAIN;
+  return original(thread, attributes, start, argument);
 }
 
 FILE* fopen(const char* path, const char* mode) {

@@ -14,6 +14,7 @@
 #include "platform/media_server.h"
 #include "support/background.h"
 #include "support/fake_clock.h"
+#include "support/file_size_limit.h"
 #include "support/gate.h"
 #include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
@@ -27,7 +28,10 @@ using test::Samples;
 
 /// An output that fails and blocks as a test says.
 struct TestOutput final : Output {
-  int open(std::string&) override { return 0; }
+  int open(std::string&) override {
+    if (openGate != nullptr) openGate->pass();
+    return 0;
+  }
   int write(const std::int16_t*, std::size_t frames) override {
     if (gate != nullptr) gate->pass();
     ++writes;
@@ -43,6 +47,7 @@ struct TestOutput final : Output {
   int writes = 0;
   int closes = 0;
   test::Gate* gate = nullptr;
+  test::Gate* openGate = nullptr;
 };
 
 struct LineTest : testing::Test {
@@ -80,6 +85,20 @@ TEST_F(LineTest, IsClosedUnderAWriteOfAnotherThread) {
   closed.get();
   EXPECT_EQ(output.writes, 1);
   EXPECT_EQ(output.closes, 1);
+}
+
+TEST_F(LineTest, IsClosedAsSoonAsAnotherThreadHasOpenedIt) {
+  test::Gate gate;
+  output.openGate = &gate;
+  test::Background opened([&] { return line.open(); });
+  gate.awaitArrival();
+  test::Background closed([&] { line.closeAny(); });
+  EXPECT_FALSE(closed.endsWithoutSleep());
+  gate.open();
+  const int handle = opened.get();
+  closed.get();
+  EXPECT_EQ(output.closes, 1);
+  EXPECT_EQ(line.write(handle, second.data(), 1), -EBADF);
 }
 
 class MediaServerTest : public testing::Test {
@@ -187,6 +206,16 @@ TEST_F(MediaServerTest, LetsAToneAndSpeechExcludeEachOther) {
   // Closing the session stops its tone.
   EXPECT_EQ(letTimePass([=] { return ms_closeSession(tone); }), 0);
   EXPECT_EQ(ms_startTone(other, 1, 1), 0);
+}
+
+TEST_F(MediaServerTest, EndsAToneThatCannotBeHeardAndLetsSpeechTry) {
+  const int tone = ms_createToneSession(0);
+  {
+    const test::FileSizeLimit full(44);
+    EXPECT_EQ(ms_startTone(tone, 1, 1), 0);
+    EXPECT_TRUE(test::waitForLog("audio: the tone ends, its output failed: File too large"));
+  }
+  EXPECT_GT(ms_openAudPlayback(2), 0);
 }
 
 TEST_F(MediaServerTest, RefusesUnknownTonesAndSessions) {

@@ -11,6 +11,7 @@
 #include "support/background.h"
 #include "support/fake_clock.h"
 #include "support/fakes.h"
+#include "support/link_seams.h"
 #include "support/syslog_capture.h"
 
 namespace {
@@ -166,6 +167,43 @@ TEST_F(TakenRequest, TheTearDownIsNotLost) {
   awaitIdle(1);
   tearDown->join();
   EXPECT_EQ(controller.reports(), (Reports{{handle, 1}}));
+  EXPECT_TRUE(engine.texts.empty());
+}
+
+/// Between the look at a queue that holds a request and its taking.
+class FoundRequest : public PlayQueue {
+ protected:
+  /// Adds a request and runs the queue, calling `meanwhile` when its thread is about to take it.
+  void runWith(std::function<void(std::uint64_t)> meanwhile) {
+    const std::uint64_t handle = add("found");
+    queue.isBusy();
+    test::beforeNextLock(test::lastLocked(), [=] { meanwhile(handle); });
+    queue.runThread();
+  }
+};
+
+TEST_F(FoundRequest, MayBeGoneByThen) {
+  const int waits = test::waitsBegun().value();
+  runWith([this](std::uint64_t handle) { queue.stopPlaying(handle); });
+  test::waitsBegun().await(waits + 1);
+  EXPECT_FALSE(queue.isBusy());
+  add("next");
+  awaitIdle(1);
+  EXPECT_EQ(engine.texts, std::vector<std::string>{"next"});
+}
+
+TEST_F(FoundRequest, IsNotTakenAfterTheTearDown) {
+  std::optional<std::thread> tearDown;
+  test::Tally begun;
+  runWith([&](std::uint64_t) {
+    tearDown.emplace([this] { queue.stopThread(); });
+    EXPECT_TRUE(test::waitForLog("stopThread: Notifying any streamTTSThread if any to stop"));
+    EXPECT_FALSE(queue.isBusy());
+    begun.add();
+  });
+  begun.await(1);
+  tearDown->join();
+  EXPECT_EQ(controller.media.opened.value(), 0);
   EXPECT_TRUE(engine.texts.empty());
 }
 
