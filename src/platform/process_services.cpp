@@ -74,8 +74,10 @@ int openPidFile(const std::string& path, std::unique_ptr<PidFile>& registration)
   if (handle == nullptr) return errno == EACCES && isHeld(path) ? EEXIST : errno;
   registration = std::make_unique<PidFile>(path, handle);
   fcntl(pidfile_fileno(handle), F_SETFD, FD_CLOEXEC);
-  // It is the lock that counts; on a full disk the number stays away.
-  if (pidfile_write(handle) != 0) {
+  // It is the lock that counts; on a full disk the number stays away. (libbsd's own writing gives
+  // the lock up there.)
+  const std::string number = std::to_string(getpid());
+  if (write(pidfile_fileno(handle), number.data(), number.size()) < 0) {
     syslog(LOG_WARNING, "%s: left empty: %s", path.c_str(), std::strerror(errno));
   }
   return 0;

@@ -74,6 +74,7 @@ TEST_F(PidRegistration, HoldsAlsoWhereTheDiskIsFull) {
     EXPECT_EQ(create_varrunpid("daemon"), 0);
   }
   const platform::UniqueFd other(open(file.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_TRUE(other);
   EXPECT_NE(flock(other.get(), LOCK_EX | LOCK_NB), 0);
 }
 
