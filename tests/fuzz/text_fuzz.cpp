@@ -40,7 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     length += piece.size();
   }
   require(length <= safe.size());
-  // What the voice does with a text takes as long as it has sound; more texts find more than longer.
+  // What the voice does with a text takes as long as it has sound; more texts find more than
+  // longer.
   constexpr std::size_t kSpokenWeight = 100;
   if (textWeight(safe) > kSpokenWeight) return 0;
   // A blank is spoken for a NUL, where a C string would end.

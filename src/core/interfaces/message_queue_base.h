@@ -21,8 +21,9 @@ class QS_MessageQueueBase {
   /// Removes or stops the request with that handle; always 0.
   virtual int stopPlaying(const unsigned long long& handle) = 0;
   /// Queues a request. First the one that plays is asked to stop, if it gives way, and those at the
-  /// newest end that give way are dropped; one behind a request that stays is left, and dropped when
-  /// its turn comes if it gives way to the last one added. After `stopThread` it is kept and not played.
+  /// newest end that give way are dropped; one behind a request that stays is left, and dropped
+  /// when its turn comes if it gives way to the last one added. After `stopThread` it is kept and
+  /// not played.
   virtual void addToQueue(std::unique_ptr<QS_PlayRequest> request) = 0;
 
   /// True while a request is examined or played, and until 5 whole seconds after the last one
