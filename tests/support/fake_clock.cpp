@@ -63,14 +63,22 @@ void FakeClock::advance(std::chrono::nanoseconds duration) {
   wakeDue(lock);
 }
 
-std::chrono::nanoseconds FakeClock::advanceToNextDeadline() {
+void FakeClock::advanceTo(MonotonicTime moment) {
   std::unique_lock lock(state);
-  auto next = earliestAhead();
-  for (; next == MonotonicTime::max(); next = earliestAhead())
-    changed.wait(lock);
-  const auto step = next - time;
-  time = next;
+  time = std::max(time, moment);
   wakeDue(lock);
+}
+
+MonotonicTime FakeClock::awaitDeadline() {
+  std::unique_lock lock(state);
+  while (earliestAhead() == MonotonicTime::max())
+    changed.wait(lock);
+  return earliestAhead();
+}
+
+std::chrono::nanoseconds FakeClock::advanceToNextDeadline() {
+  const auto step = awaitDeadline() - now();
+  advance(step);
   return step;
 }
 

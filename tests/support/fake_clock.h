@@ -10,7 +10,7 @@ namespace test {
 
 /// Time that moves only when a test says so. Put in place on construction, taken out on
 /// destruction; destroy it after the threads that use it have ended.
-class FakeClock final : public platform::Clock {
+class FakeClock : public platform::Clock {
  public:
   FakeClock();
   ~FakeClock() override;
@@ -20,11 +20,14 @@ class FakeClock final : public platform::Clock {
   bool waitUntil(platform::Condition& condition, platform::Mutex& mutex,
                  platform::MonotonicTime deadline) REQUIRES(mutex) override;
 
-  /// Moves time on and ends every sleep and wait whose end has come.
+  /// Moves time on, never back, and ends every sleep and wait whose end has come.
   void advance(std::chrono::nanoseconds duration);
+  void advanceTo(platform::MonotonicTime moment);
 
-  /// Blocks until a thread sleeps or waits with a deadline, then moves time on to the earliest end.
-  /// Returns how far that was. A waiter that was notified counts until it has run.
+  /// Blocks until a thread sleeps or waits with a deadline; the earliest end. A waiter that was
+  /// notified counts until it has run.
+  platform::MonotonicTime awaitDeadline();
+  /// Moves time on to that end; returns how far that was.
   std::chrono::nanoseconds advanceToNextDeadline();
 
  private:

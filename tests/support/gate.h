@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -8,41 +9,7 @@
 
 namespace test {
 
-/// Holds a thread at a place until the test lets it go on, so that a race happens in the order that
-/// the test is about.
-class Gate {
- public:
-  /// On the thread under test: says "here" and waits until the gate is open.
-  void pass() {
-    std::unique_lock lock(mutex);
-    ++arrived;
-    changed.notify_all();
-    while (!isOpen)
-      changed.wait(lock);
-  }
-
-  /// On the test's thread: waits until `count` passes have begun; fails after 10 s.
-  void awaitArrival(int count = 1) {
-    std::unique_lock lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, kDeadline, [&] { return arrived >= count; }));
-  }
-
-  void open() {
-    const std::lock_guard lock(mutex);
-    isOpen = true;
-    changed.notify_all();
-  }
-
- private:
-  static constexpr std::chrono::seconds kDeadline{10};
-
-  std::mutex mutex;
-  std::condition_variable changed;
-  int arrived = 0;
-  bool isOpen = false;
-};
-
-/// A counter that can be waited for.
+/// A counter that can be waited for; a wait fails after 10 s.
 class Tally {
  public:
   void add() {
@@ -65,6 +32,29 @@ class Tally {
   mutable std::mutex mutex;
   std::condition_variable changed;
   int count = 0;
+};
+
+/// Holds a thread at a place until the test lets it go on, so that a race happens in the order that
+/// the test is about.
+class Gate {
+ public:
+  /// On the thread under test: says "here" and waits until the gate is open.
+  void pass() {
+    arrivals.add();
+    isOpen.wait(false);
+  }
+
+  /// On the test's thread: waits until `count` passes have begun.
+  void awaitArrival(int count = 1) { arrivals.await(count); }
+
+  void open() {
+    isOpen = true;
+    isOpen.notify_all();
+  }
+
+ private:
+  Tally arrivals;
+  std::atomic<bool> isOpen{false};
 };
 
 }  // namespace test

@@ -1,39 +1,19 @@
 #pragma once
 
-#include <algorithm>
-#include <mutex>
-
-#include "platform/clock.h"
+#include "support/fake_clock.h"
 
 namespace test {
 
 /// Time that a sleep moves on at once: for code that sleeps on the test's own thread. A timed wait
 /// finds its deadline passed.
-class SkippingClock final : public platform::Clock {
+class SkippingClock final : public FakeClock {
  public:
-  SkippingClock() { platform::setClock(this); }
-  ~SkippingClock() override { platform::setClock(nullptr); }
-
-  platform::MonotonicTime now() override {
-    const std::lock_guard lock(mutex);
-    return time;
-  }
-
-  void sleepFor(std::chrono::nanoseconds duration) override {
-    const std::lock_guard lock(mutex);
-    time += duration;
-  }
-
+  void sleepFor(std::chrono::nanoseconds duration) override { advance(duration); }
   bool waitUntil(platform::Condition&, platform::Mutex&,
                  platform::MonotonicTime deadline) override NO_THREAD_SAFETY_ANALYSIS {
-    const std::lock_guard lock(mutex);
-    time = std::max(time, deadline);
+    advanceTo(deadline);
     return false;
   }
-
- private:
-  std::mutex mutex;
-  platform::MonotonicTime time{std::chrono::hours(1)};
 };
 
 }  // namespace test
