@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -44,18 +45,15 @@ Samples runInBlocks(Filter& filter, const Samples& signal, const std::vector<int
 
 /// Compares with the whole signal's output, for each way to cut the signal into blocks.
 template <class Filter>
-void expectExact(const pfir_filterConfig* table, const Samples& expected, const Samples& signal,
+void expectExact(const pfir_filterConfig* table, const Samples& signal,
                  const std::vector<std::vector<int>>& splits) {
+  constexpr bool kUp = std::is_same_v<Filter, test::UpFilter>;
+  const Samples expected = kUp ? test::literalUp(table, signal) : test::literalDn(table, signal);
   for (const auto& lengths : splits) {
     Filter filter(table);
     EXPECT_EQ(runInBlocks(filter, signal, lengths, expected.size()), expected)
         << "factor " << table->factor << ", blocks from " << lengths[0];
   }
-}
-
-void expectUp(const pfir_filterConfig* table, const Samples& signal,
-              const std::vector<std::vector<int>>& splits) {
-  expectExact<test::UpFilter>(table, test::literalUp(table, signal), signal, splits);
 }
 
 std::int16_t withSignOf(int sign, int peak) {
@@ -81,52 +79,46 @@ Samples adversary(const pfir_filterConfig* table, int phases, int peak, int wind
   return signal;
 }
 
-TEST(Interpolation, IsExactAtEveryLoudnessInBlocksOfAnyLength) {
-  for (const int factor : kFactors) {
-    const auto* table = pfir_getUpFilterConfig(factor);
-    const test::UpFilter filter(table);
-    const int half = filter.state.halfSumPeak;
-    const int lane = filter.state.lanePeak;
-    for (const int peak : {1, 1000, half, half + 1, lane, lane + 1, 32767, 32768}) {
-      SCOPED_TRACE(peak);
-      expectUp(table, adversary(table, factor, peak, 150),
-               {{48}, {49}, {94, 95, 96, 97}, {160, 48, 4000}});
-    }
+/// At peaks on both sides of those where the arithmetic changes.
+template <class Filter>
+void expectExactAtEveryLoudness(const pfir_filterConfig* table, int phases, int windows,
+                                const std::vector<std::vector<int>>& splits) {
+  const Filter filter(table);
+  const int half = filter.state.halfSumPeak;
+  const int lane = filter.state.lanePeak;
+  for (const int peak : {1, 1000, half, half + 1, lane, lane + 1, 32767, 32768}) {
+    SCOPED_TRACE(peak);
+    expectExact<Filter>(table, adversary(table, phases, peak, windows), splits);
   }
 }
 
+TEST(Interpolation, IsExactAtEveryLoudnessInBlocksOfAnyLength) {
+  for (const int factor : kFactors)
+    expectExactAtEveryLoudness<test::UpFilter>(pfir_getUpFilterConfig(factor), factor, 150,
+                                               {{48}, {49}, {94, 95, 96, 97}, {160, 48, 4000}});
+}
+
 // The arithmetic is chosen by block: the end of a loud one still counts in the quiet one after it.
-TEST(Interpolation, IsExactWhereLoudAndQuietBlocksMeet) {
+TEST(Interpolation, IsExactWhereLoudAndQuietBlocksMeetAndInTheLongestBlock) {
+  constexpr int kLongest = 65535 / 3;
   const auto* table = pfir_getUpFilterConfig(3);
-  const Samples loud = adversary(table, 3, 32768, 60);
+  const Samples loud = adversary(table, 3, 32768, 62);
   Samples signal;
   for (auto window = loud.begin(); window != loud.end(); window += 48) {
     signal.resize(signal.size() + 160 - 47, 10);
     signal.insert(signal.end(), window, window + 47);
     signal.resize(signal.size() + 160, -10);
   }
-  expectUp(table, signal, {{160}});
-}
-
-TEST(Interpolation, TakesTheLongestBlock) {
-  constexpr int kLongest = 65535 / 3;
-  const auto* table = pfir_getUpFilterConfig(3);
-  Samples signal = adversary(table, 3, 20000, kLongest / 48 + 1);
   signal.resize(kLongest);
-  expectUp(table, signal, {{kLongest}});
+  expectExact<test::UpFilter>(table, signal, {{160}, {kLongest}});
 }
 
 TEST(Decimation, KeepsOneEvenGridAtEveryLoudnessInBlocksOfAnyLength) {
   for (const int factor : kFactors) {
     const auto* table = pfir_getDnFilterConfig(factor);
     const int taps = table->taps;
-    const int half = test::DnFilter(table).state.halfSumPeak;
-    for (const int peak : {1000, half, half + 1, 32768}) {
-      SCOPED_TRACE(peak);
-      const Samples signal = adversary(table, 1, peak, 40);
-      expectExact<test::DnFilter>(table, test::literalDn(table, signal), signal,
-                                  {{taps}, {taps + 1}, {taps + 5, 2 * taps - 1, 2000}});
-    }
+    expectExactAtEveryLoudness<test::DnFilter>(
+        table, 1, 40, {{taps}, {taps + 1}, {taps + 5, 2 * taps - 1, 2000}});
   }
 }
 

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cstdint>
-#include <numeric>
 
 #include <gtest/gtest.h>
 
@@ -12,12 +11,6 @@ namespace {
 using test::DnFilter;
 using test::Samples;
 using test::UpFilter;
-
-const Samples kIn = [] {
-  Samples ramp(32768);
-  std::iota(ramp.begin(), ramp.end(), std::int16_t{-9000});
-  return ramp;
-}();
 
 template <class Filter>
 void expectStart(const pfir_filterConfig* table, int status) {
@@ -58,33 +51,29 @@ void expectRefusal(State& state, const std::int16_t* in, int nIn, int status) {
   EXPECT_TRUE(std::equal(history.begin(), history.end(), state.history));
 }
 
-TEST(UpFilter, RefusesWithoutATrace) {
+TEST(Filters, RefuseWithoutATrace) {
+  const Samples in(32768, 20000);
+  Samples out(480);
   UpFilter three(pfir_getUpFilterConfig(3));
+  ASSERT_EQ(pfir_upFilter(&three.state, in.data(), out.data(), 160, nullptr), 0);
+  expectRefusal<UpFilter>(three.state, in.data(), 47, 1);
+  expectRefusal<UpFilter>(three.state, in.data(), 21846, 1);
+  expectRefusal<UpFilter>(three.state, nullptr, 47, 2);
   UpFilter two(pfir_getUpFilterConfig(2));
+  expectRefusal<UpFilter>(two.state, in.data(), 32768, 1);
   const pfir_filterTable<104> longTable{{2, 52, {}}, {}};
   UpFilter tooLong(&longTable.header);
+  expectRefusal<UpFilter>(tooLong.state, in.data(), 160, 2);
   pfir_upFilterState released{};
-  Samples out(480);
-  ASSERT_EQ(pfir_upFilter(&three.state, kIn.data(), out.data(), 160, nullptr), 0);
-  expectRefusal<UpFilter>(three.state, kIn.data(), 47, 1);
-  expectRefusal<UpFilter>(three.state, kIn.data(), 21846, 1);
-  expectRefusal<UpFilter>(two.state, kIn.data(), 32768, 1);
-  expectRefusal<UpFilter>(tooLong.state, kIn.data(), 160, 2);
-  expectRefusal<UpFilter>(three.state, nullptr, 47, 2);
-  expectRefusal<UpFilter>(released, kIn.data(), 160, 2);
-}
+  expectRefusal<UpFilter>(released, in.data(), 160, 2);
 
-TEST(DnFilter, RefusesWithoutATrace) {
-  DnFilter filter(pfir_getDnFilterConfig(2));
-  Samples out(81);
-  ASSERT_EQ(pfir_dnFilter(&filter.state, kIn.data(), out.data(), 161, nullptr), 0);
-  expectRefusal<DnFilter>(filter.state, kIn.data(), 95, 1);
-  expectRefusal<DnFilter>(filter.state, nullptr, 160, 1);
-  constexpr std::int16_t kOutside[] = {3, -1};
-  for (const std::int16_t phase : kOutside) {
-    filter.state.phase = phase;
-    expectRefusal<DnFilter>(filter.state, kIn.data(), 160, 2);
-    EXPECT_EQ(filter.state.phase, phase);
+  DnFilter down(pfir_getDnFilterConfig(2));
+  ASSERT_EQ(pfir_dnFilter(&down.state, in.data(), out.data(), 161, nullptr), 0);
+  expectRefusal<DnFilter>(down.state, in.data(), 95, 1);
+  expectRefusal<DnFilter>(down.state, nullptr, 160, 1);
+  for (const int phase : {3, -1}) {
+    down.state.phase = static_cast<std::int16_t>(phase);
+    expectRefusal<DnFilter>(down.state, in.data(), 160, 2);
   }
 }
 
