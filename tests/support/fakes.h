@@ -1,9 +1,9 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -23,27 +23,24 @@ class FakeMedia final : public qs_ns::QS_MediaInterfaceBase {
   std::function<void(int)> onFrame = [](int) {};
   /// Called when a session is closed.
   std::function<void()> onClose = [] {};
-  bool connects = true;
   bool opens = true;
   int volume = 512;
   Tally opened;
   Tally closed;
 
-  /// The samples of one frame, or of all.
-  std::vector<std::vector<std::int16_t>> frames() const {
-    const std::lock_guard lock(mutex);
-    return kept;
-  }
+  /// Not to be read while a writer runs.
+  std::vector<std::vector<std::int16_t>> frames;
+
   std::vector<std::int16_t> samples() const {
     std::vector<std::int16_t> all;
-    for (const auto& frame : frames())
+    for (const auto& frame : frames)
       all.insert(all.end(), frame.begin(), frame.end());
     return all;
   }
   Tally frameCount;
 
   int cleanupMSInterface() override { return 0; }
-  bool initializeMSInterface() override { return connects; }
+  bool initializeMSInterface() override { return true; }
   int setPathMsAudPlaybackSession() override { return 0; }
   int startMsAudPlaybackSession() override {
     if (session != 0) return 0;
@@ -61,10 +58,7 @@ class FakeMedia final : public qs_ns::QS_MediaInterfaceBase {
   int playDataMsAudPlaybackSession(const void* data, unsigned int bytes) override {
     onFrame(frameCount.value() + 1);
     const auto* first = static_cast<const std::int16_t*>(data);
-    {
-      const std::lock_guard lock(mutex);
-      kept.emplace_back(first, first + bytes / sizeof(std::int16_t));
-    }
+    frames.emplace_back(first, first + bytes / sizeof(std::int16_t));
     frameCount.add();
     return static_cast<int>(bytes);
   }
@@ -76,12 +70,10 @@ class FakeMedia final : public qs_ns::QS_MediaInterfaceBase {
 
  private:
   std::atomic<int> session{0};
-  mutable std::mutex mutex;
-  std::vector<std::vector<std::int16_t>> kept;
 };
 
 /// A controller whose every call can be hooked.
-class FakeController final : public qs_ns::QS_ControllerBase {
+class FakeController : public qs_ns::QS_ControllerBase {
  public:
   using Report = std::pair<std::uint64_t, int>;
 
@@ -93,13 +85,10 @@ class FakeController final : public qs_ns::QS_ControllerBase {
   std::function<void()> onSetState = [] {};
   std::function<void()> onStartPlayback = [] {};
   std::function<void(int)> onReport = [](int) {};
-  Tally reported;
   Tally restarts;
 
-  std::vector<Report> reports() const {
-    const std::lock_guard lock(mutex);
-    return kept;
-  }
+  /// Not to be read while a request may be reported.
+  std::vector<Report> reports;
 
   qs_ns::QS_MediaInterfaceBase* getMediaIF() override { return &media; }
   std::shared_ptr<qs_ns::QS_CacheThreadBase> getCacheThread() override { return cache; }
@@ -107,11 +96,7 @@ class FakeController final : public qs_ns::QS_ControllerBase {
   void setState(int) override { onSetState(); }
   void reportPlayRequestResult(const qs_ns::QS_PlayRequest* request, int result) override {
     onReport(result);
-    {
-      const std::lock_guard lock(mutex);
-      kept.emplace_back(request->handle, result);
-    }
-    reported.add();
+    reports.emplace_back(request->handle, result);
   }
   bool isCacheEnabled() override { return cacheEnabled; }
   int startMsAudPlayback() override {
@@ -124,10 +109,6 @@ class FakeController final : public qs_ns::QS_ControllerBase {
     EXPECT_FALSE(force) << "only a reload throws the caches away";
     restarts.add();
   }
-
- private:
-  mutable std::mutex mutex;
-  std::vector<Report> kept;
 };
 
 inline std::unique_ptr<qs_ns::QS_PlayRequest> makeRequest(std::vector<std::string> texts,

@@ -2,21 +2,15 @@
 
 #include <pthread.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <memory>
 #include <utility>
 
-#include <flite/flite.h>
-
 namespace {
 
 std::atomic<int> live{0};
-std::atomic<int> peak{0};
 std::atomic<int> creationsUntilFailure{0};
-std::atomic<int> wavesDeleted{0};
-thread_local const void* argumentOfThread = nullptr;
 thread_local const void* lockedLast = nullptr;
 
 // Written before the lock that it waits for, on that lock's thread or before that thread starts.
@@ -30,7 +24,6 @@ struct Start {
 
 void* enter(void* given) {
   const std::unique_ptr<Start> start(static_cast<Start*>(given));
-  argumentOfThread = start->argument;
   void* const result = start->function(start->argument);
   --live;
   return result;
@@ -42,15 +35,6 @@ namespace test {
 
 int liveThreads() {
   return live;
-}
-int threadPeak() {
-  return peak;
-}
-void resetThreadPeak() {
-  peak = live.load();
-}
-const void* threadArgument() {
-  return argumentOfThread;
 }
 void failThread(int creation) {
   creationsUntilFailure = creation;
@@ -66,9 +50,6 @@ Tally& waitsBegun() {
   static Tally tally;
   return tally;
 }
-int deletedWaves() {
-  return wavesDeleted;
-}
 
 }  // namespace test
 
@@ -78,15 +59,12 @@ extern "C" {
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __real_pthread_mutex_lock(pthread_mutex_t*);
 int __real_pthread_cond_wait(pthread_cond_t*, pthread_mutex_t*);
-void __real_delete_wave(cst_wave*);
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                           void* (*function)(void*), void* argument) {
   if (creationsUntilFailure > 0 && --creationsUntilFailure == 0) return EAGAIN;
   auto start = std::make_unique<Start>(Start{function, argument});
-  const int now = ++live;
-  for (int seen = peak; seen < now && !peak.compare_exchange_weak(seen, now);) {
-  }
+  ++live;
   const int error = __real_pthread_create(thread, attributes, enter, start.get());
   if (error == 0) {
     static_cast<void>(start.release());  // the thread owns it
@@ -108,11 +86,6 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
 int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
   test::waitsBegun().add();
   return __real_pthread_cond_wait(condition, mutex);
-}
-
-void __wrap_delete_wave(cst_wave* wave) {
-  if (wave != nullptr) ++wavesDeleted;
-  __real_delete_wave(wave);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)

@@ -6,16 +6,11 @@
 
 namespace test {
 
-// The linker leads the program's calls of pthread_create, pthread_mutex_lock, pthread_cond_wait and
-// delete_wave through here.
+// The linker leads the program's calls of pthread_create, pthread_mutex_lock and
+// pthread_cond_wait through here.
 
-/// How many threads the program has started that have not ended, and the most there ever were at
-/// once since the last call of `resetThreadPeak`.
+/// How many threads the program has started that have not ended.
 int liveThreads();
-int threadPeak();
-void resetThreadPeak();
-/// The argument that the calling thread was started with; null on the main thread.
-const void* threadArgument();
 /// Lets the `creation`-th thread from here (1 is the next) fail with EAGAIN.
 void failThread(int creation);
 
@@ -28,8 +23,5 @@ const void* lastLocked();
 /// How often a thread has begun to wait on a condition without a deadline. It is counted with the
 /// mutex held that goes with the condition, so whoever has that next finds the thread waiting.
 Tally& waitsBegun();
-
-/// Waves deleted so far.
-int deletedWaves();
 
 }  // namespace test

@@ -12,93 +12,83 @@
 #include "cache/cache_thread.h"
 #include "cache/dynamic_phrase_cache.h"
 #include "cache/static_phrase_cache.h"
-#include "core/interfaces/controller_base.h"
 #include "fake_speech.h"
-#include "support/gate.h"
+#include "support/fakes.h"
 #include "support/link_seams.h"
 #include "support/syslog_capture.h"
 
 namespace test {
 
 /// A controller with nothing but its care for the builders.
-class FakeController final : public qs_ns::QS_ControllerBase {
+class BuilderOwner final : public FakeController {
  public:
   /// The answer to the n-th question (from 0) whether the play queue is busy.
   std::function<bool(int call)> busy = [](int) { return false; };
   std::atomic<int> builders{0};
-  std::atomic<int> reports{0};
+  std::atomic<int> ended{0};
+  qs_ns::BuilderLine line;
+
+  /// A builder that the test drives itself.
+  std::shared_ptr<qs_ns::QS_CacheThread> makeBuilder(bool featureOff = false) {
+    ++builders;
+    return std::make_shared<qs_ns::QS_CacheThread>(this, featureOff, line);
+  }
 
   /// Replaces and starts the builder as a reload does; `runThread`'s status.
   int restart(bool featureOff = false) {
-    std::shared_ptr<qs_ns::QS_CacheThread> old;
+    std::shared_ptr<qs_ns::QS_CacheThreadBase> old;
     const platform::MutexLock lock(cacheThreadMutex);
-    if (held != nullptr) held->stopThread();
-    old = std::exchange(held, std::make_shared<qs_ns::QS_CacheThread>(this, featureOff, line));
-    ++builders;
-    held->clearDynamicPhraseCache();
-    return held->runThread();
+    if (cache != nullptr) cache->stopThread();
+    old = std::exchange(cache, makeBuilder(featureOff));
+    cache->clearDynamicPhraseCache();
+    const int status = cache->runThread();
+    EXPECT_LE(liveThreads(), 2);
+    return status;
   }
 
-  std::shared_ptr<qs_ns::QS_CacheThread> builder() {
+  std::shared_ptr<qs_ns::QS_CacheThreadBase> builder() {
     const platform::MutexLock lock(cacheThreadMutex);
-    return held;
+    return cache;
   }
 
   void cleanUp() {
     if (const auto last = builder()) last->stopThread();
     line.joinAll();
-    std::shared_ptr<qs_ns::QS_CacheThread> dropped;
+    std::shared_ptr<qs_ns::QS_CacheThreadBase> dropped;
     const platform::MutexLock lock(cacheThreadMutex);
-    dropped = std::move(held);
+    dropped = std::move(cache);
   }
 
   bool isMessageQueueBusy() override { return busy(busyCalls++); }
 
   /// Ends the test where a builder dies under one of the locks.
   void reportCachingComplete(const qs_ns::QS_CacheThreadBase* builder) override {
-    const auto* thread =
-        static_cast<const platform::Thread*>(static_cast<const qs_ns::QS_CacheThread*>(builder));
-    EXPECT_NE(threadArgument(), thread) << "a builder died on its own thread";
-    for (platform::Mutex* mutex :
+    for (platform::Mutex* taken :
          {&cacheThreadMutex, &qs_ns::cacheMutex, &qs_ns::dynamicCacheMutex}) {
-      mutex->lock();
-      mutex->unlock();
+      taken->lock();
+      taken->unlock();
     }
-    line.takeTurn(*thread);  // takes the line's lock; it is nobody's turn
-    ++reports;
+    // Takes the line's lock; it is nobody's turn.
+    line.takeTurn(*static_cast<const qs_ns::QS_CacheThread*>(builder));
+    ++ended;
   }
-
-  qs_ns::QS_MediaInterfaceBase* getMediaIF() override { return nullptr; }
-  std::shared_ptr<qs_ns::QS_CacheThreadBase> getCacheThread() override { return builder(); }
-  pfir_upFilterState* getFirUpState() override { return nullptr; }
-  void setState(int) override {}
-  void reportPlayRequestResult(const qs_ns::QS_PlayRequest*, int) override {}
-  bool isCacheEnabled() override { return true; }
-  int startMsAudPlayback() override { return 0; }
-  void restartCaching(bool) override {}
-
-  qs_ns::BuilderLine line;
 
  private:
   std::atomic<int> busyCalls{0};
   platform::Mutex cacheThreadMutex{true};
-  std::shared_ptr<qs_ns::QS_CacheThread> held GUARDED_BY(cacheThreadMutex);
 };
 
-/// A speech engine and a controller for one run of builders, of which nothing is left at the end:
-/// no thread, builder or wave.
+/// A speech engine and a controller for one run of builders, of which nothing is left at the end.
 struct Scene {
   Scene() {
     clearLog();
-    resetThreadPeak();
     qs_ns::dynamic_cache::clear();
   }
   ~Scene() {
     gate.open();
     controller.cleanUp();
     EXPECT_EQ(liveThreads(), 0);
-    EXPECT_EQ(liveWaves(), 0);
-    EXPECT_EQ(controller.reports, controller.builders);
+    EXPECT_EQ(controller.ended, controller.builders);
   }
   Scene(const Scene&) = delete;
   Scene& operator=(const Scene&) = delete;
@@ -110,21 +100,10 @@ struct Scene {
     };
   }
 
-  /// A builder that the test drives itself.
-  std::shared_ptr<qs_ns::QS_CacheThread> makeBuilder() {
-    ++controller.builders;
-    return std::make_shared<qs_ns::QS_CacheThread>(&controller, false, controller.line);
-  }
-
   FakeSpeech speech;
-  FakeController controller;
+  BuilderOwner controller;
   Gate gate;
 };
-
-inline qs_ns::PhraseSamples phrase(const std::string& text) {
-  const platform::MutexLock lock(qs_ns::cacheMutex);
-  return qs_ns::static_cache::find(text);
-}
 
 inline int phraseCount() {
   const platform::MutexLock lock(qs_ns::cacheMutex);

@@ -1,14 +1,11 @@
 #include "playback/message_queue_thread.h"
 
-#include <syslog.h>
-
-#include <optional>
 #include <thread>
 
 #include <gtest/gtest.h>
 
-#include "fake_engine.h"
-#include "support/background.h"
+#include "fake_speech.h"
+#include "playback/precedence.h"
 #include "support/fake_clock.h"
 #include "support/fakes.h"
 #include "support/link_seams.h"
@@ -18,17 +15,22 @@ namespace {
 
 using namespace std::chrono_literals;
 using qs_ns::QS_MessageQueueThread;
-using test::FakeEngine;
 
-class PlayQueue : public testing::Test {
- protected:
-  void SetUp() override {
+using Reports = std::vector<test::FakeController::Report>;
+using Texts = std::vector<std::string>;
+
+constexpr char kTearsDown[] = "stopThread: Notifying any streamTTSThread if any to stop";
+
+struct Scene {
+  Scene() {
     test::clearLog();
     queue.setController(&controller);
   }
-  void TearDown() override { queue.stopThread(); }
+  ~Scene() { queue.stopThread(); }
+  Scene(const Scene&) = delete;
+  Scene& operator=(const Scene&) = delete;
 
-  std::uint64_t add(const std::string& text, std::int32_t flags = 0) {
+  std::uint64_t add(const char* text, std::int32_t flags = 0) {
     auto request = test::makeRequest({text}, flags);
     const std::uint64_t handle = request->handle;
     queue.addToQueue(std::move(request));
@@ -37,8 +39,8 @@ class PlayQueue : public testing::Test {
 
   /// Starts the queue with a request that plays until `open` is called on `playing`.
   std::uint64_t startWithOnePlaying(std::int32_t flags = 0) {
-    engine.onChunk = [this](const std::string& text, int chunk) {
-      if (text == "playing" && chunk == 1) playing.pass();
+    speech.at = [this](int synthesis, test::Stage stage) {
+      if (synthesis == 0 && stage == test::Stage::middle) playing.pass();
     };
     const std::uint64_t handle = add("playing", flags);
     queue.runThread();
@@ -48,126 +50,117 @@ class PlayQueue : public testing::Test {
 
   void awaitIdle(int finished) { controller.restarts.await(finished); }
 
-  using Reports = std::vector<test::FakeController::Report>;
-
-  FakeEngine engine;
+  test::FakeSpeech speech;
   test::FakeController controller;
   test::Gate playing;
   QS_MessageQueueThread queue;
+  std::jthread tearDown;
 };
 
-TEST_F(PlayQueue, TheLastOfSeveralEqualRequestsInterruptsAndDisplacesTheOthers) {
-  const std::uint64_t first = startWithOnePlaying();
-  add("second");
-  add("third");
-  const std::uint64_t last = add("last");
-  EXPECT_EQ(queue.requestsWaiting(), 1);
-  playing.open();
-  awaitIdle(2);
-  EXPECT_EQ(controller.reports(), (Reports{{first, 1}, {last, 0}}));
-  EXPECT_EQ(engine.texts, (std::vector<std::string>{"playing", "last"}));
-  EXPECT_EQ(controller.media.opened.value(), 2);
-  EXPECT_EQ(controller.media.closed.value(), 2);
+class PlayQueue : public testing::Test, protected Scene {};
+
+TEST(PlayQueueOrder, PlaysWhatDoesNotGiveWay) {
+  struct Request {
+    const char* text;
+    int flags;
+    bool queuedOnly = false;  // without a look at who gives way
+    bool stopped = false;
+  };
+  const struct {
+    int playingFlags;
+    std::vector<Request> added;
+    int waiting;
+    Texts played;
+    int firstResult;
+  } rows[] = {
+      {0, {{"a", 0}, {"b", 0}, {"c", 0}}, 1, {"playing", "c"}, 1},
+      {0, {{"polite", 1}}, 1, {"playing", "polite"}, 0},
+      // The polite one gives way to the protected one.
+      {0, {{"polite", 1}, {"protected", 2}, {"a", 0}}, 2, {"playing", "protected", "a"}, 1},
+      {2, {{"a", 0}, {"gone", 1, false, true}}, 1, {"playing", "a"}, 0},
+      // The walk stops at the first that stays, and the taker drops what stood behind it.
+      {0, {{"a", 0, true}, {"b", 2, true}, {"c", 0}}, 3, {"playing", "b", "c"}, 1},
+      // One that was stopped is forgotten as the last added.
+      {0, {{"a", 0, true}, {"b", 2, true}, {"c", 0, false, true}}, 2, {"playing", "a", "b"}, 1},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    Scene scene;
+    const std::uint64_t first = scene.startWithOnePlaying(row.playingFlags);
+    for (const Request& request : row.added) {
+      if (request.queuedOnly) {
+        scene.queue.getPlayQueue().add(test::makeRequest({request.text}, request.flags));
+        continue;
+      }
+      const std::uint64_t handle = scene.add(request.text, request.flags);
+      if (request.stopped) scene.queue.stopPlaying(handle);
+    }
+    EXPECT_EQ(scene.queue.requestsWaiting(), row.waiting);
+    scene.playing.open();
+    const auto played = static_cast<int>(row.played.size());
+    scene.awaitIdle(played);
+    EXPECT_EQ(scene.speech.texts, row.played);
+    const Reports reports = scene.controller.reports;
+    EXPECT_EQ(reports.front(), std::pair(first, row.firstResult));
+    EXPECT_EQ(static_cast<int>(reports.size()), played);
+    EXPECT_EQ(scene.controller.media.closed.value(), played);
+  }
 }
 
-TEST_F(PlayQueue, APoliteRequestWaitsAndAProtectedOneIsNeverDisplaced) {
-  const std::uint64_t first = startWithOnePlaying();
-  add("polite", 1);
-  const std::uint64_t guarded = add("protected", 2);
-  const std::uint64_t newest = add("newest", 0);
-  playing.open();
-  awaitIdle(3);
-  EXPECT_EQ(controller.reports(), (Reports{{first, 1}, {guarded, 0}, {newest, 0}}))
-      << "the polite one gave way to the protected one";
-}
-
-TEST_F(PlayQueue, TheWalkStopsAtTheFirstThatStaysAndTheTakerDropsWhatStoodBehindIt) {
-  const std::uint64_t first = startWithOnePlaying();
-  queue.getPlayQueue().add(test::makeRequest({"X"}, 0));
-  auto shield = test::makeRequest({"Y"}, 2);
-  const std::uint64_t y = shield->handle;
-  queue.getPlayQueue().add(std::move(shield));
-  const std::uint64_t z = add("Z", 0);
-  EXPECT_EQ(queue.requestsWaiting(), 3);
-  playing.open();
-  awaitIdle(3);
-  EXPECT_EQ(controller.reports(), (Reports{{first, 1}, {y, 0}, {z, 0}}));
-  EXPECT_EQ(test::countLog("just_added found to be higher precedence"), 1);
-}
-
-TEST_F(PlayQueue, AStopRemovesAQueuedRequestInSilenceAndEndsThePlayingOne) {
-  const std::uint64_t first = startWithOnePlaying(2);
-  const std::uint64_t queued = add("queued", 1);
-  EXPECT_EQ(queue.stopPlaying(queued), 0);
-  EXPECT_EQ(queue.stopPlaying(queued), 0);
-  EXPECT_EQ(queue.stopPlaying(12345), 0);
-  EXPECT_EQ(queue.requestsWaiting(), 0);
-  EXPECT_EQ(queue.stopPlaying(first), 0) << "protected from newer requests, not from a stop";
-  playing.open();
-  awaitIdle(1);
-  EXPECT_EQ(controller.reports(), (Reports{{first, 1}}));
-  EXPECT_EQ(test::countLog("But deleting the request"), 1);
+TEST(Precedence, FollowsTheTable) {
+  constexpr bool kGivesWay[4][4] = {{true, false, true, true},
+                                    {true, true, true, true},
+                                    {false, false, false, false},
+                                    {false, false, false, false}};
+  for (int existing = 0; existing < 4; ++existing) {
+    for (int newer = 0; newer < 4; ++newer) {
+      EXPECT_EQ(qs_ns::givesWay(existing | 0xC, newer | 0x7FFFFFF4), kGivesWay[existing][newer])
+          << existing << " against " << newer;
+    }
+  }
 }
 
 /// Between the taking of a request and its streaming object: what comes then is noted.
-class TakenRequest : public PlayQueue {
- protected:
-  /// Runs one request, calling `meanwhile` while it is taken but not current.
-  Reports runWith(const std::function<void(std::uint64_t)>& meanwhile, int finished) {
-    const std::uint64_t handle = add("taken");
+TEST(TakenRequest, LosesNothingThatComesMeanwhile) {
+  const struct {
+    std::function<void(Scene&, std::uint64_t)> meanwhile;
+    int result;
+    Texts played;
+  } rows[] = {{[](Scene& scene, std::uint64_t handle) { scene.queue.stopPlaying(handle); }, 1, {}},
+              {[](Scene& scene, std::uint64_t) {
+                 scene.add("displaces", 2);
+                 scene.add("polite", 1);
+               },
+               1,
+               {"displaces", "polite"}},
+              {[](Scene& scene, std::uint64_t handle) {
+                 scene.queue.stopPlaying(handle + 1);
+                 scene.add("polite", 1);
+               },
+               0,
+               {"taken", "polite"}},
+              {[](Scene& scene, std::uint64_t) {
+                 scene.tearDown = std::jthread([&] { scene.queue.stopThread(); });
+                 EXPECT_TRUE(test::waitForLog(kTearsDown));
+                 EXPECT_TRUE(scene.queue.isBusy())
+                     << "asked under the lock that notes the tear-down";
+               },
+               1,
+               {}}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    Scene scene;
+    const std::uint64_t handle = scene.add("taken");
     bool first = true;
-    controller.onStartPlayback = [&] {
-      if (std::exchange(first, false)) meanwhile(handle);
+    scene.controller.onStartPlayback = [&] {
+      if (std::exchange(first, false)) row.meanwhile(scene, handle);
     };
-    queue.runThread();
-    awaitIdle(finished);
-    return controller.reports();
+    scene.queue.runThread();
+    // One that is stopped here has not asked for speech.
+    scene.awaitIdle(static_cast<int>(row.played.size()) + row.result);
+    EXPECT_EQ(scene.controller.reports.front(), std::pair(handle, row.result));
+    EXPECT_EQ(scene.speech.texts, row.played);
   }
-};
-
-TEST_F(TakenRequest, AStopByItsHandleIsNotLost) {
-  const Reports reports = runWith([this](std::uint64_t handle) { queue.stopPlaying(handle); }, 1);
-  ASSERT_EQ(reports.size(), 1U);
-  EXPECT_EQ(reports[0].second, 1);
-  EXPECT_TRUE(engine.texts.empty());
-}
-
-TEST_F(TakenRequest, ADisplacementIsNotLostWhereALaterRequestDoesNotDisplace) {
-  const Reports reports = runWith(
-      [this](std::uint64_t) {
-        add("displaces", 2);
-        add("polite", 1);
-      },
-      3);
-  ASSERT_EQ(reports.size(), 3U);
-  EXPECT_EQ(reports[0].second, 1);
-  EXPECT_EQ(engine.texts, (std::vector<std::string>{"displaces", "polite"}));
-}
-
-TEST_F(TakenRequest, AStopOfAnotherAndAPoliteRequestLeaveItAlone) {
-  const Reports reports = runWith(
-      [this](std::uint64_t handle) {
-        queue.stopPlaying(handle + 1);
-        add("polite", 1);
-      },
-      2);
-  ASSERT_EQ(reports.size(), 2U);
-  EXPECT_EQ(reports[0].second, 0);
-}
-
-TEST_F(TakenRequest, TheTearDownIsNotLost) {
-  std::optional<std::thread> tearDown;
-  const std::uint64_t handle = add("taken");
-  controller.onStartPlayback = [&] {
-    tearDown.emplace([this] { queue.stopThread(); });
-    EXPECT_TRUE(test::waitForLog("stopThread: Notifying any streamTTSThread if any to stop"));
-    EXPECT_TRUE(queue.isBusy()) << "asked under the lock under which the tear-down is noted";
-  };
-  queue.runThread();
-  awaitIdle(1);
-  tearDown->join();
-  EXPECT_EQ(controller.reports(), (Reports{{handle, 1}}));
-  EXPECT_TRUE(engine.texts.empty());
 }
 
 /// Between the look at a queue that holds a request and its taking.
@@ -189,77 +182,32 @@ TEST_F(FoundRequest, MayBeGoneByThen) {
   EXPECT_FALSE(queue.isBusy());
   add("next");
   awaitIdle(1);
-  EXPECT_EQ(engine.texts, std::vector<std::string>{"next"});
+  EXPECT_EQ(speech.texts, Texts{"next"});
 }
 
 TEST_F(FoundRequest, IsNotTakenAfterTheTearDown) {
-  std::optional<std::thread> tearDown;
   test::Tally begun;
   runWith([&](std::uint64_t) {
-    tearDown.emplace([this] { queue.stopThread(); });
-    EXPECT_TRUE(test::waitForLog("stopThread: Notifying any streamTTSThread if any to stop"));
+    tearDown = std::jthread([this] { queue.stopThread(); });
+    EXPECT_TRUE(test::waitForLog(kTearsDown));
     EXPECT_FALSE(queue.isBusy());
     begun.add();
   });
   begun.await(1);
-  tearDown->join();
+  tearDown.join();
   EXPECT_EQ(controller.media.opened.value(), 0);
-  EXPECT_TRUE(engine.texts.empty());
 }
 
-TEST_F(PlayQueue, ARequestWhoseSessionDoesNotOpenIsDroppedInSilence) {
+TEST_F(PlayQueue, ARequestWhoseSessionDoesNotOpenIsForgotten) {
   controller.media.opens = false;
   const std::uint64_t dropped = add("dropped");
   controller.onStartPlayback = [&] { queue.stopPlaying(dropped); };
   queue.runThread();
   ASSERT_TRUE(test::waitForLog("Error in startMsRTPSession()"));
-  queue.stopPlaying(dropped);
   queue.stopThread();
   queue.stopPlaying(dropped);
-  EXPECT_TRUE(controller.reports().empty());
+  EXPECT_TRUE(controller.reports.empty());
   EXPECT_FALSE(queue.isBusy());
-}
-
-TEST_F(PlayQueue, TheTearDownStopsThePlayingRequestAndTakesNoMore) {
-  const std::uint64_t first = startWithOnePlaying();
-  add("queued", 1);
-  test::Background tearDown([this] { queue.stopThread(); });
-  ASSERT_TRUE(test::waitForLog("stopThread: Received new command, stop the current thread"));
-  playing.open();
-  tearDown.get();
-  EXPECT_EQ(controller.reports(), (Reports{{first, 1}}));
-  EXPECT_EQ(engine.texts, std::vector<std::string>{"playing"});
-}
-
-TEST_F(PlayQueue, AnExhaustedQueueEndsTheThreadAndSaysWhy) {
-  queue.runThread();
-  queue.getPlayQueue().markExhausted();
-  ASSERT_TRUE(test::waitForLog("Queue is marked as exhausted. Terminating thread"));
-  EXPECT_EQ(test::countLog("Queue could not be read.", LOG_ERR), 1);
-  queue.stopThread();
-  queue.stopThread();
-  EXPECT_EQ(test::countLog("Marking play_queue exhausted"), 1);
-}
-
-TEST_F(PlayQueue, ARequestAddedWhileTheSessionOfThePlayedOneClosesLeavesItsResultAlone) {
-  std::uint64_t next = 0;
-  controller.media.onClose = [&] {
-    if (next == 0) next = add("next");
-  };
-  const std::uint64_t first = add("first");
-  queue.runThread();
-  awaitIdle(2);
-  EXPECT_EQ(controller.reports(), (Reports{{first, 0}, {next, 0}}));
-}
-
-TEST_F(PlayQueue, AStoppedRequestIsForgottenAsTheLastAdded) {
-  startWithOnePlaying();
-  queue.getPlayQueue().add(test::makeRequest({"X"}, 0));
-  queue.getPlayQueue().add(test::makeRequest({"Y"}, 2));
-  queue.stopPlaying(add("Z", 0));
-  playing.open();
-  awaitIdle(3);
-  EXPECT_EQ(engine.texts, (std::vector<std::string>{"playing", "X", "Y"}));
 }
 
 TEST_F(PlayQueue, IsBusyWhileItPlaysAndForFiveSecondsAfter) {
@@ -275,14 +223,6 @@ TEST_F(PlayQueue, IsBusyWhileItPlaysAndForFiveSecondsAfter) {
   clock.advance(1ms);
   EXPECT_FALSE(queue.isBusy());
   queue.stopThread();
-}
-
-TEST(PlayRequestHandle, IsUniqueNeverZeroAndStartsInTheLowerHalf) {
-  const auto one = test::makeRequest({});
-  const auto two = test::makeRequest({});
-  EXPECT_NE(one->handle, 0U);
-  EXPECT_EQ(two->handle, one->handle + 1);
-  EXPECT_LT(one->handle, std::uint64_t{1} << 63);
 }
 
 }  // namespace
