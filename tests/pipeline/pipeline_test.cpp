@@ -87,7 +87,6 @@ class Pipeline : public testing::Test {
   test::UpFilter filter{pfir_getUpFilterConfig(3)};
   qs_ns::QS_MessageQueueThread queue;
   int played = 0;
-  std::uint64_t playing = 0;
 };
 
 TEST_F(Pipeline, PlaysWhatFliteSynthesisesSampleForSampleAtAnyVolume) {
@@ -125,11 +124,10 @@ TEST_F(Pipeline, TheAlertContinuesTheFiltersHistoryAtTheVolumeInForce) {
 }
 
 TEST_F(Pipeline, AStoppedRequestLeavesNoTraceInTheNext) {
-  controller.media.onFrame = [&](int frame) {
-    if (frame == 40) queue.stopPlaying(playing);
-  };
   auto request = test::makeRequest({"a text that is stopped in the middle of a loud vowel"});
-  playing = request->handle;
+  controller.media.onFrame = [this, handle = request->handle](int frame) {
+    if (frame == 40) queue.stopPlaying(handle);
+  };
   queue.addToQueue(std::move(request));
   controller.restarts.await(++played);
   EXPECT_EQ(controller.reports.back().second, 1);
