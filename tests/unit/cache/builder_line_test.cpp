@@ -11,8 +11,8 @@ namespace test {
 namespace {
 
 TEST(BuilderLine, JoinsEveryBuilderInWhateverStateTheLineIs) {
-  // The one that builds, its successor, and the replacement of that.
-  for (const int builders : {0, 1, 2, 3}) {
+  // The one that builds, its successor, the replacement of that, and the replacement of this.
+  for (const int builders : {0, 1, 2, 4}) {
     SCOPED_TRACE(builders);
     Scene scene;
     scene.blockFirstSynthesis();
