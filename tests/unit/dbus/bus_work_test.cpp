@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <cctype>
 #include <stdexcept>
 #include <string>
 
@@ -15,40 +16,30 @@ namespace {
 using qs_ns::BusWork;
 using Kind = BusWork::Kind;
 
-bool isReadable(const BusWork& work) {
-  pollfd ready{work.descriptor(), POLLIN, 0};
-  return poll(&ready, 1, 0) == 1;
-}
-
-TEST(BusWork, RunsWhatWasPostedInOrderAndIsReadableUntilThen) {
-  BusWork work;
-  EXPECT_FALSE(isReadable(work));
-  std::string ran;
-  work.post(Kind::reply, [&] { ran += 'a'; });
-  work.post(Kind::signal, [&] { ran += 'b'; });
-  work.post(Kind::leave, [&] { ran += 'c'; });
-  EXPECT_TRUE(isReadable(work));
-  work.run();
-  EXPECT_EQ(ran, "abc");
-  EXPECT_FALSE(isReadable(work));
-}
-
-TEST(BusWork, RunsTheSignalsAloneWhereAskedTo) {
-  BusWork work;
-  std::string ran;
-  for (const char letter : std::string("aBcDE")) {
-    work.post(std::islower(letter) != 0 ? Kind::reply : Kind::signal,
-              [&ran, letter] { ran += letter; });
+struct BusWorkTest : testing::Test {
+  bool isReadable(int patience = 0) const {
+    pollfd ready{work.descriptor(), POLLIN, 0};
+    return poll(&ready, 1, patience) == 1;
   }
+  BusWork work;
+};
+
+TEST_F(BusWorkTest, RunsInOrderAndTheSignalsAloneWhereAskedToAndIsReadableUntilThen) {
+  EXPECT_FALSE(isReadable());
+  std::string ran;
+  for (const char letter : std::string("aBcDE"))
+    work.post(std::islower(letter) != 0 ? Kind::reply : Kind::signal,
+              [&, letter] { ran += letter; });
   work.runSignals();
   EXPECT_EQ(ran, "BDE");
-  EXPECT_TRUE(isReadable(work)) << "the rest still waits";
+  EXPECT_TRUE(isReadable()) << "the rest still waits";
+  work.post(Kind::leave, [&] { ran += 'f'; });
   work.run();
-  EXPECT_EQ(ran, "BDEac");
+  EXPECT_EQ(ran, "BDEacf");
+  EXPECT_FALSE(isReadable());
 }
 
-TEST(BusWork, WorkThatFailsOrPostsMoreStopsNothing) {
-  BusWork work;
+TEST_F(BusWorkTest, WorkThatFailsOrPostsMoreStopsNothing) {
   test::clearLog();
   int ran = 0;
   work.post(Kind::reply, [] { throw std::runtime_error("no memory"); });
@@ -56,13 +47,12 @@ TEST(BusWork, WorkThatFailsOrPostsMoreStopsNothing) {
   work.run();
   EXPECT_EQ(test::countLog("no memory"), 1);
   EXPECT_EQ(ran, 0);
-  EXPECT_TRUE(isReadable(work));
+  EXPECT_TRUE(isReadable());
   work.run();
   EXPECT_EQ(ran, 1);
 }
 
-TEST(BusWork, LosesNothingOfWhatSeveralThreadsPost) {
-  BusWork work;
+TEST_F(BusWorkTest, LosesNothingOfWhatSeveralThreadsPost) {
   constexpr int kEach = 500;
   int ran = 0;
   const auto postMany = [&] {
@@ -72,8 +62,7 @@ TEST(BusWork, LosesNothingOfWhatSeveralThreadsPost) {
   const test::Background one(postMany);
   const test::Background two(postMany);
   while (ran < 2 * kEach) {
-    pollfd ready{work.descriptor(), POLLIN, 0};
-    ASSERT_EQ(poll(&ready, 1, 10000), 1);
+    ASSERT_TRUE(isReadable(10000));
     work.run();
   }
 }
