@@ -5,11 +5,9 @@
 #include <ucontext.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <memory>
-#include <ostream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -17,11 +15,8 @@
 #include "platform/crash_report.h"
 #include "support/child_process.h"
 #include "support/scratch_folder.h"
-#include "support/syslog_capture.h"
 
 namespace {
-
-using std::chrono::steady_clock;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;
@@ -29,79 +24,51 @@ constexpr bool kSanitized = true;
 constexpr bool kSanitized = false;
 #endif
 
-struct Crash {
+const struct {
   const char* kind;
   int signal;
-  const char* firstLine;
-  const char* frame;   // of the stack, with its file
-  bool sanitizersOwn;  // reported by a sanitizer instead
+  const char* firstLine;  // null: not read here
+  const char* part;       // a function of the stack, or the thread's name
+  bool sanitizersOwn;     // reported by a sanitizer instead
+} kCrashes[] = {
+    {"jump", SIGSEGV, "SIGSEGV at address 0x8 in thread", "callNowhere", true},
+    {"ill", SIGILL, "SIGILL from process", "raiseIllegal", false},
+    {"overflow", SIGSEGV, "SIGSEGV at address", "recurse", true},
+    {"overflow on a thread", SIGSEGV, "SIGSEGV at address", "\"overflowing\"", true},
+    {"broken heap", SIGABRT, "SIGABRT from process", "breakHeap", true},
+    // Without the library, so that syslog is the C library's own, whose lock the crash leaves
+    // taken.
+    {"inside syslog", SIGSEGV, nullptr, nullptr, true},
+    {"inside the report", SIGABRT, nullptr, nullptr, true},
 };
 
-std::ostream& operator<<(std::ostream& out, const Crash& crash) {
-  return out << crash.kind;
-}
-
-// The wait status of a program that crashed as `kind` says, which it did within the time limit.
-int crash(const std::string& kind, const test::Environment& environment) {
-  test::ChildProcess subject(QS_CRASH_SUBJECT, {kind}, environment);
-  EXPECT_TRUE(subject.readByte());
-  const auto crashed = steady_clock::now();
-  const int status = subject.wait();
-  EXPECT_LT(steady_clock::now() - crashed, std::chrono::seconds(2));
-  return status;
-}
-
-class CrashSignal : public testing::TestWithParam<Crash> {};
-
-TEST_P(CrashSignal, LogsTheStackAndDiesOfTheSignal) {
-  if (kSanitized && GetParam().sanitizersOwn) GTEST_SKIP() << "reported by the sanitizer";
-  const test::ScratchFolder folder;
-  const std::string log = folder / "log";
-  const int status = crash(GetParam().kind, {test::preloadEntry(), "QS_TEST_SYSLOG=" + log});
-  ASSERT_TRUE(WIFSIGNALED(status)) << status;
-  EXPECT_EQ(WTERMSIG(status), GetParam().signal);
-  const std::string lines = test::readFile(log);
-  EXPECT_NE(lines.find(std::string("LOG_CRIT crash: ") + GetParam().firstLine), std::string::npos)
-      << lines;
-  EXPECT_NE(lines.find(GetParam().frame), std::string::npos) << lines;
-  EXPECT_NE(lines.find("crash_subject.cpp:"), std::string::npos) << lines;
-  EXPECT_EQ(lines.find("onCrash"), std::string::npos) << lines;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    CrashHandler, CrashSignal,
-    testing::Values(Crash{"segv", SIGSEGV, "SIGSEGV at address 0x8 in thread", "writeToNowhere",
-                          true},
-                    Crash{"jump", SIGSEGV, "SIGSEGV at address 0x8 in thread", "callNowhere", true},
-                    Crash{"ill", SIGILL, "SIGILL from process", "raiseIllegal", false},
-                    Crash{"overflow", SIGSEGV, "SIGSEGV at address", "recurse", true},
-                    Crash{"overflow on a thread", SIGSEGV, "SIGSEGV at address", "recurse", true},
-                    Crash{"broken heap", SIGABRT, "SIGABRT from process", "breakHeap", true}),
-    [](const testing::TestParamInfo<Crash>& instance) {
-      std::string name = instance.param.kind;
-      std::replace(name.begin(), name.end(), ' ', '_');
-      return name;
-    });
-
-// Without the library, so that syslog is the C library's own, whose lock the crash leaves taken.
-TEST(CrashHandler, DiesInTimeWhenTheCrashLeavesSyslogLocked) {
-  if (kSanitized) GTEST_SKIP() << "reported by the sanitizer";
-  const int status = crash("inside syslog", {});
-  ASSERT_TRUE(WIFSIGNALED(status)) << status;
-  EXPECT_EQ(WTERMSIG(status), SIGSEGV);
-}
-
-TEST(CrashHandler, DiesOfTheFirstSignalWhenTheReportCrashesToo) {
-  if (kSanitized) GTEST_SKIP() << "the second signal is the sanitizer's";
-  const int status = crash("inside the report", {});
-  ASSERT_TRUE(WIFSIGNALED(status)) << status;
-  EXPECT_EQ(WTERMSIG(status), SIGABRT);
+TEST(CrashHandler, LogsTheStackAndDiesOfTheFirstSignalInTime) {
+  for (const auto& crash : kCrashes) {
+    if (kSanitized && crash.sanitizersOwn) continue;
+    SCOPED_TRACE(crash.kind);
+    const test::ScratchFolder folder;
+    test::Environment environment;
+    if (crash.firstLine != nullptr)
+      environment = {test::preloadEntry(), "QS_TEST_SYSLOG=" + folder / "log"};
+    test::ChildProcess subject(QS_CRASH_SUBJECT, {crash.kind}, environment);
+    EXPECT_TRUE(subject.readByte());
+    const auto crashed = std::chrono::steady_clock::now();
+    const int status = subject.wait();
+    EXPECT_LT(std::chrono::steady_clock::now() - crashed, std::chrono::seconds(2));
+    EXPECT_TRUE(WIFSIGNALED(status)) << status;
+    EXPECT_EQ(WTERMSIG(status), crash.signal);
+    if (crash.firstLine == nullptr) continue;
+    const std::string lines = test::readFile(folder / "log");
+    for (const std::string& part : {std::string("LOG_CRIT crash: ") + crash.firstLine,
+                                    std::string(crash.part), std::string("crash_subject.cpp:")})
+      EXPECT_NE(lines.find(part), std::string::npos) << part << " in\n" << lines;
+    EXPECT_EQ(lines.find("onCrash"), std::string::npos) << lines;
+  }
 }
 
 TEST(CrashReport, ReachesSyslogsSocketPastTheCLibrary) {
   const test::ScratchFolder folder;
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
+  sockaddr_un address{AF_UNIX, {}};
   (folder / "log").copy(address.sun_path, sizeof address.sun_path - 1);
   const int daemon = socket(AF_UNIX, SOCK_DGRAM, 0);
   ASSERT_EQ(bind(daemon, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
