@@ -1,31 +1,33 @@
-// ALSA's own PCMs, which need no sound card: what is asked of them, and how failures are told.
+// ALSA's own PCMs and a sound server, which need no sound card: what is asked of them, and how
+// failures are told.
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <map>
-#include <numeric>
 #include <string>
-#include <vector>
 
 #include <alsa/asoundlib.h>
 #include <gtest/gtest.h>
 
 #include "audio_samples.h"
 #include "platform/audio/alsa_output.h"
+#include "platform/media_server.h"
 #include "support/scratch_folder.h"
 #include "support/skipping_clock.h"
+#include "support/sound_server.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using platform::audio::AlsaOutput;
+using platform::audio::kStepFrames;
+using test::play;
+using test::Samples;
 
 /// What the device says to writes, by their number from 1; 0 where it takes the sound.
 std::map<int, int> writeFailures;
 int writes = 0;
-
-using platform::audio::kStepFrames;
-using test::Samples;
 
 class AlsaOutputTest : public testing::Test {
  protected:
@@ -44,16 +46,6 @@ class AlsaOutputTest : public testing::Test {
     setenv("ALSA_CONFIG_PATH", (folder / "alsa.conf").c_str(), 1);
   }
   void TearDown() override { unsetenv("ALSA_CONFIG_PATH"); }
-
-  static int play(AlsaOutput& output, const Samples& samples) {
-    std::string why;
-    int status = output.open(why);
-    if (status < 0) return status;
-    for (std::size_t done = 0; status >= 0 && done < samples.size(); done += kStepFrames) {
-      status = output.write(samples.data() + done, std::min(kStepFrames, samples.size() - done));
-    }
-    return std::min(status, output.close());
-  }
 
   Samples recorded() const { return test::samplesFrom(test::readFile(recording), 0); }
 
@@ -79,20 +71,17 @@ TEST_F(AlsaOutputTest, GivesItsOwnPaceToAPcmWithoutOne) {
 
 TEST_F(AlsaOutputTest, ConvertsForAPcmThatIsNotMono) {
   AlsaOutput output("stereo");
-  Samples sent(1000);
+  const Samples sent = test::ramp(1000);
   Samples expected;
-  for (std::size_t i = 0; i < sent.size(); ++i) {
-    sent[i] = static_cast<std::int16_t>(i + 1);
-    expected.insert(expected.end(), 2, sent[i]);
-  }
+  for (const std::int16_t sample : sent)
+    expected.insert(expected.end(), 2, sample);
   EXPECT_EQ(play(output, sent), 0);
   EXPECT_EQ(recorded(), expected);
 }
 
 TEST_F(AlsaOutputTest, LosesNothingInAnUnderrunAndGivesUpADeviceThatIsGone) {
   AlsaOutput output("record");
-  Samples sent(2000);
-  std::iota(sent.begin(), sent.end(), std::int16_t{1});
+  const Samples sent = test::ramp(2000);
   writes = 0;
   writeFailures = {{1, -EPIPE}, {3, -EPIPE}, {4, -EPIPE}, {7, -ESTRPIPE}};
   EXPECT_EQ(play(output, sent), 0);
@@ -109,6 +98,35 @@ TEST_F(AlsaOutputTest, SaysWhyItDoesNotOpenAndNothingOnStandardError) {
   EXPECT_LT(output.open(why), 0);
   EXPECT_NE(why.find("card index for 77"), std::string::npos) << why;
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+// What happens when the server hangs or dies is with the daemon's tests. Real time.
+TEST(PulseAudio, HearsExactlyWhatWasSentInTheTimeOfTheSoundAlsoWhereTheCallerPauses) {
+  const test::ScratchFolder folder;
+  test::useSoundServer(folder);
+  const test::SoundServer server(folder);
+  test::SoundRecording recording;
+  setenv("QUILLSPEAK_AUDIO", "alsa:pulse", 1);
+  ms_start();
+  const int handle = ms_openAudPlayback(2);
+  ASSERT_NE(handle, 0);
+  // Not whole numbers of steps. The last one is heard to its end though the stream is closed.
+  constexpr std::size_t kLast = 32001;
+  for (const std::size_t frames : {std::size_t{4801}, std::size_t{4801}, kLast}) {
+    const Samples sent = test::ramp(frames);
+    const auto bytes = static_cast<int>(2 * frames);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ms_sendDataToAudPlayback(handle, sent.data(), static_cast<unsigned>(bytes)), bytes);
+    if (frames == kLast) {
+      EXPECT_EQ(ms_closeAudPlayback(handle), 0);
+      const auto taken = std::chrono::steady_clock::now() - start;
+      EXPECT_GE(taken, 666ms);
+      EXPECT_LE(taken, 1666ms);
+    }
+    EXPECT_EQ(recording.take(frames), sent);
+    // The device runs dry.
+    recording.awaitSilence(4800);
+  }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <syslog.h>
 
+#include <array>
 #include <cerrno>
 #include <thread>
 
@@ -9,6 +10,7 @@
 
 #include "platform/audio/auto_output.h"
 #include "platform/audio/guarded_output.h"
+#include "platform/audio/line.h"
 #include "support/background.h"
 #include "support/fake_clock.h"
 #include "support/gate.h"
@@ -19,18 +21,16 @@ namespace {
 using namespace std::chrono_literals;
 using platform::audio::AutoOutput;
 using platform::audio::GuardedOutput;
-using platform::audio::kStepFrames;
+using platform::audio::Line;
 using platform::audio::Output;
 
-enum class Call { open, write, close, end };
+enum Call : std::size_t { kOpen, kWrite, kClose, kEnd };
 
 /// What a test tells all devices, and what they tell it.
 struct Script {
-  std::optional<Call> stuckIn;  // set before the calls it is about
-  std::atomic<int> openStatus{0};
-  std::atomic<int> writeStatus{0};
-  std::atomic<int> opens{0};
-  std::vector<std::int16_t> heard;
+  std::optional<Call> stuckIn;  // of the devices made from now on
+  std::array<std::atomic<int>, 4> statuses{};
+  std::array<std::atomic<int>, 4> calls{};
   test::Gate gate;   // holds the calls of `stuckIn`
   test::Tally gone;  // devices destroyed
 };
@@ -39,29 +39,22 @@ class ScriptedDevice final : public Output {
  public:
   explicit ScriptedDevice(std::shared_ptr<Script> toFollow) : script(std::move(toFollow)) {}
   ~ScriptedDevice() override {
-    stay(Call::end);
+    follow(kEnd);
     script->gone.add();
   }
 
   int open(std::string& why) override {
-    ++script->opens;
-    stay(Call::open);
     why = "as told";
-    return script->openStatus;
+    return follow(kOpen);
   }
-  int write(const std::int16_t* samples, std::size_t frames) override {
-    stay(Call::write);
-    script->heard.insert(script->heard.end(), samples, samples + frames);
-    return script->writeStatus;
-  }
-  int close() override {
-    stay(Call::close);
-    return 0;
-  }
+  int write(const std::int16_t*, std::size_t) override { return follow(kWrite); }
+  int close() override { return follow(kClose); }
 
  private:
-  void stay(Call call) {
+  int follow(Call call) {
+    ++script->calls[call];
     if (stuck == call) script->gate.pass();
+    return script->statuses[call];
   }
   const std::shared_ptr<Script> script;
   const std::optional<Call> stuck = script->stuckIn;
@@ -70,7 +63,7 @@ class ScriptedDevice final : public Output {
 class GuardedOutputTest : public testing::Test {
  protected:
   int open() { return guard->open(why); }
-  int write() { return guard->write(step.data(), step.size()); }
+  int write() { return guard->write(&sample, 1); }
 
   /// The status of a call that must come back only when a second has passed.
   template <typename Function>
@@ -87,38 +80,32 @@ class GuardedOutputTest : public testing::Test {
     ++devicesMade;
     return std::make_unique<ScriptedDevice>(script);
   });
-  const std::vector<std::int16_t> step = std::vector<std::int16_t>(kStepFrames, 7);
   std::string why;
+  const std::int16_t sample = 1;
 };
 
-TEST_F(GuardedOutputTest, HandsCallsAndStatusesThrough) {
-  ASSERT_EQ(open(), 0);
-  EXPECT_EQ(write(), 0);
-  EXPECT_EQ(guard->write(step.data(), 1), 0);
-  script->writeStatus = -ENODEV;
-  EXPECT_EQ(write(), -ENODEV);
-  EXPECT_EQ(guard->close(), 0);
-  EXPECT_EQ(script->gone.value(), 1) << "the device outlived its stream";
-  EXPECT_EQ(script->heard, std::vector<std::int16_t>(2 * kStepFrames + 1, 7));
-  script->openStatus = -EBUSY;
+TEST_F(GuardedOutputTest, HandsOnWhyADeviceDoesNotOpenAndMakesAFreshOneForEachStream) {
+  script->statuses[kOpen] = -EBUSY;
   EXPECT_EQ(open(), -EBUSY);
   EXPECT_EQ(why, "as told");
-  script->openStatus = 0;
+  script->gone.await(1);
+  script->statuses[kOpen] = 0;
   EXPECT_EQ(open(), 0) << "a failure that is no hang must not delay the next try";
+  EXPECT_EQ(guard->close(), 0);
+  EXPECT_EQ(script->gone.value(), 2) << "the device outlived its stream";
 }
 
 TEST_F(GuardedOutputTest, GivesUpACallAfterASecondAndTheStreamWithIt) {
-  for (const Call call : {Call::write, Call::close, Call::end}) {
+  for (const Call call : {kWrite, kClose, kEnd}) {
     script->stuckIn = call;
-    ASSERT_EQ(open(), 0);
-    if (call == Call::write) {
+    ASSERT_EQ(open(), 0) << "at once, since the last one opened too";
+    if (call == kWrite) {
       EXPECT_EQ(afterASecond([this] { return write(); }), -ETIMEDOUT);
       EXPECT_EQ(write(), -ETIMEDOUT) << "must not wait again";
       EXPECT_EQ(guard->close(), -ETIMEDOUT) << "must not wait again";
     } else {
       EXPECT_EQ(afterASecond([this] { return guard->close(); }), -ETIMEDOUT);
     }
-    clock.advance(5s);
   }
   guard.reset();
   script->gate.open();
@@ -126,7 +113,7 @@ TEST_F(GuardedOutputTest, GivesUpACallAfterASecondAndTheStreamWithIt) {
 }
 
 TEST_F(GuardedOutputTest, TriesAStuckDeviceEveryFiveSecondsAndLeavesThreeThreadsBehindAtMost) {
-  script->stuckIn = Call::open;
+  script->stuckIn = kOpen;
   for (int stuck = 1; stuck <= GuardedOutput::kMostStuckThreads; ++stuck) {
     EXPECT_EQ(afterASecond([this] { return open(); }), -ETIMEDOUT);
     EXPECT_EQ(why, "the device does not answer");
@@ -150,18 +137,59 @@ TEST_F(GuardedOutputTest, TriesAStuckDeviceEveryFiveSecondsAndLeavesThreeThreads
   script->gone.await(4);
 }
 
-TEST_F(GuardedOutputTest, OpensAgainAtOnceWhileAnOldThreadIsStuckButTheDeviceWorks) {
-  script->stuckIn = Call::write;
-  ASSERT_EQ(open(), 0);
-  EXPECT_EQ(afterASecond([this] { return write(); }), -ETIMEDOUT);
-  guard->close();
-  script->stuckIn.reset();
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(open(), 0);
-    EXPECT_EQ(guard->close(), 0);
+class LineTest : public testing::Test {
+ protected:
+  void make(std::optional<Call> stuckIn = {}) {
+    script->stuckIn = stuckIn;
+    line.emplace("test", std::make_unique<ScriptedDevice>(script));
   }
+  int write(int handle) { return line->write(handle, second.data(), second.size()); }
+
+  const std::shared_ptr<Script> script = std::make_shared<Script>();
+  std::optional<Line> line;
+  const std::vector<std::int16_t> second = std::vector<std::int16_t>(48000);
+};
+
+TEST_F(LineTest, StaysDeadAfterAFailedWriteUntilItIsOpenedAgain) {
+  make();
+  const int handle = line->open();
+  script->statuses[kWrite] = -EIO;
+  EXPECT_EQ(write(handle), -EIO);
+  script->statuses[kWrite] = 0;
+  EXPECT_EQ(write(handle), -EIO);
+  EXPECT_EQ(script->calls[kWrite], 1) << "a dead stream's output must be left alone";
+  EXPECT_EQ(line->close(handle), 0);
+  EXPECT_EQ(write(line->open()), 0);
+}
+
+TEST_F(LineTest, IsClosedUnderAWriteOfAnotherThread) {
+  make(kWrite);
+  const int handle = line->open();
+  test::Background written([&] { return write(handle); });
+  script->gate.awaitArrival();
+  test::Background closed([&] { line->closeAny(); });
+  // The close is under way as soon as the handle is no longer good.
+  while (write(handle) != -EBADF)
+    std::this_thread::yield();
+  EXPECT_EQ(script->calls[kClose], 0) << "closed while a call was in the output";
   script->gate.open();
-  script->gone.await(4);
+  EXPECT_EQ(written.get(), -EBADF);
+  closed.get();
+  EXPECT_EQ(script->calls[kWrite], 1);
+  EXPECT_EQ(script->calls[kClose], 1);
+}
+
+TEST_F(LineTest, IsClosedAsSoonAsAnotherThreadHasOpenedIt) {
+  make(kOpen);
+  test::Background opened([&] { return line->open(); });
+  script->gate.awaitArrival();
+  test::Background closed([&] { line->closeAny(); });
+  EXPECT_FALSE(closed.endsWithoutSleep());
+  script->gate.open();
+  const int handle = opened.get();
+  closed.get();
+  EXPECT_EQ(script->calls[kClose], 1);
+  EXPECT_EQ(write(handle), -EBADF);
 }
 
 TEST(AutoOutput, ChangesToNowhereAndBackWithOneWarningEach) {
@@ -183,18 +211,18 @@ TEST(AutoOutput, ChangesToNowhereAndBackWithOneWarningEach) {
   const std::int16_t sample = 1;
   for (const Session& session : sessions) {
     clock.advance(session.pause);
-    device->openStatus = session.deviceWorks ? 0 : -ENOENT;
+    device->statuses[kOpen] = session.deviceWorks ? 0 : -ENOENT;
     std::string why;
     EXPECT_EQ(output.open(why), 0);
     EXPECT_EQ(output.write(&sample, 1), 0);
     EXPECT_EQ(output.close(), 0);
-    EXPECT_EQ(device->opens, session.deviceOpens);
-    EXPECT_EQ(nowhere->opens, session.nowhereOpens);
+    EXPECT_EQ(device->calls[kOpen], session.deviceOpens);
+    EXPECT_EQ(nowhere->calls[kOpen], session.nowhereOpens);
     EXPECT_EQ(test::countLog("alsa:default", LOG_WARNING), session.warnings);
   }
-  EXPECT_EQ(device->heard.size(), 2U);
-  EXPECT_EQ(nowhere->heard.size(), 3U);
-  EXPECT_EQ(test::logLines().size(), 2U);
+  EXPECT_EQ(device->calls[kWrite], 2);
+  EXPECT_EQ(nowhere->calls[kWrite], 3);
+  EXPECT_EQ(test::countLog(""), 2);
 }
 
 }  // namespace

@@ -1,14 +1,16 @@
-// The outputs that are not devices: what they keep, and the time they take.
+// The outputs that are not devices: what they keep, and the time they take; and the tones.
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
-#include <numeric>
+#include <numbers>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "audio_samples.h"
 #include "platform/audio/null_output.h"
+#include "platform/audio/tones.h"
 #include "platform/audio/wav_output.h"
 #include "support/file_size_limit.h"
 #include "support/scratch_folder.h"
@@ -17,54 +19,32 @@
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using platform::audio::durationOf;
 using platform::audio::kDepthFrames;
 using platform::audio::kStepFrames;
 using platform::audio::NullOutput;
-using platform::audio::Output;
+using platform::audio::Tone;
 using platform::audio::WavOutput;
+using test::play;
+using test::ramp;
 using test::Samples;
 
-Samples ramp(std::size_t frames, std::int16_t first = 1) {
-  Samples samples(frames);
-  std::iota(samples.begin(), samples.end(), first);
-  return samples;
-}
-
-/// Opens, writes in steps of `step` and closes; what went wrong first, else 0.
-int play(Output& output, const Samples& samples, std::size_t step = kStepFrames) {
-  std::string why;
-  int status = output.open(why);
-  if (status < 0) return status;
-  for (std::size_t done = 0; status >= 0 && done < samples.size(); done += step)
-    status = output.write(samples.data() + done, std::min(step, samples.size() - done));
-  return std::min(status, output.close());
-}
-
-template <typename T>
-T fieldAt(const std::string& bytes, std::size_t offset) {
-  T value{};
-  std::memcpy(&value, bytes.data() + offset, sizeof value);
-  return value;
+/// As 32 bits, the low byte first.
+std::string sizeField(std::size_t size) {
+  std::string bytes(4, '\0');
+  std::memcpy(bytes.data(), &size, bytes.size());
+  return bytes;
 }
 
 /// The samples of a WAVE file whose header must count exactly them.
 Samples readWave(const std::string& path) {
   const std::string bytes = test::readFile(path);
-  if (bytes.size() < 44) {
-    ADD_FAILURE() << "a header of " << bytes.size() << " bytes";
-    return {};
-  }
-  EXPECT_EQ(bytes.substr(0, 4) + bytes.substr(8, 8) + bytes.substr(36, 4), "RIFFWAVEfmt data");
-  EXPECT_EQ(fieldAt<std::uint32_t>(bytes, 4), bytes.size() - 8);
-  EXPECT_EQ(fieldAt<std::uint32_t>(bytes, 16), 16U);
-  EXPECT_EQ(fieldAt<std::uint16_t>(bytes, 20), 1) << "PCM";
-  EXPECT_EQ(fieldAt<std::uint16_t>(bytes, 22), 1) << "channels";
-  EXPECT_EQ(fieldAt<std::uint32_t>(bytes, 24), 48000U);
-  EXPECT_EQ(fieldAt<std::uint32_t>(bytes, 28), 96000U) << "bytes a second";
-  EXPECT_EQ(fieldAt<std::uint16_t>(bytes, 32), 2) << "bytes a frame";
-  EXPECT_EQ(fieldAt<std::uint16_t>(bytes, 34), 16) << "bits";
-  EXPECT_EQ(fieldAt<std::uint32_t>(bytes, 40), bytes.size() - 44);
+  // 16 bytes: PCM, 1 channel, 48,000 frames and 96,000 bytes a second, 2 bytes a frame, 16 bits.
+  EXPECT_EQ(bytes.substr(0, 44),
+            "RIFF" + sizeField(bytes.size() - 8) +
+                "WAVEfmt \x10\0\0\0\1\0\1\0\x80\xBB\0\0\0\x77\1\0\2\0\x10\0data"s +
+                sizeField(bytes.size() - 44));
   return test::samplesFrom(bytes, 44);
 }
 
@@ -90,8 +70,7 @@ TEST(NullOutput, LetsNoMoreWaitThanItsDepthAndCatchesNothingUpAfterAPause) {
   }
 }
 
-class WavOutputTest : public testing::Test {
- protected:
+struct WavOutputTest : testing::Test {
   test::SkippingClock clock;
   test::ScratchFolder folder;
   const std::string path = folder / "sound.wav";
@@ -110,7 +89,6 @@ TEST_F(WavOutputTest, IsAWholeFileAfterEveryWriteOfSessionsBackToBack) {
     EXPECT_EQ(readWave(path), Samples(all.begin(), all.begin() + 400 + done));
   }
   EXPECT_EQ(output.close(), 0);
-  EXPECT_EQ(play(output, {}), 0);
   EXPECT_EQ(play(output, {all.begin() + 800, all.end()}), 0);
   EXPECT_EQ(readWave(path), all);
 }
@@ -119,13 +97,37 @@ TEST_F(WavOutputTest, FailsOnAFullDiskAndGoesOnInItsPlaceWhenThereIsRoomAgain) {
   WavOutput output(path);
   {
     const test::FileSizeLimit limit(44 + 480 * 2 + 333);
-    EXPECT_LT(play(output, ramp(960, 1)), 0);
+    EXPECT_LT(play(output, ramp(960)), 0);
   }
-  EXPECT_EQ(play(output, ramp(480, 5000)), 0);
-  Samples expected = ramp(480, 1);
+  Samples expected = ramp(480);
   const Samples later = ramp(480, 5000);
+  EXPECT_EQ(play(output, later), 0);
   expected.insert(expected.end(), later.begin(), later.end());
   EXPECT_EQ(readWave(path), expected);
+}
+
+double waveAt(int hertz, std::size_t frame) {
+  return std::sin(2 * std::numbers::pi * hertz * static_cast<double>(frame) / 48000);
+}
+
+TEST(Tones, SoundAsTheirRowsSay) {
+  for (int index = 0; index < platform::audio::kToneCount; ++index) {
+    const Tone& tone = *platform::audio::toneAt(index);
+    const std::size_t cycle = 48U * (tone.onMs + tone.offMs);
+    test::Samples samples(cycle + 479);
+    platform::audio::ToneGenerator generator(tone);
+    // In uneven blocks, which must not show.
+    for (std::size_t done = 0; done + 479 <= samples.size(); done += 479)
+      generator.render(samples.data() + done, 479);
+    double worst = 0;
+    for (std::size_t i = 0; i < cycle; ++i) {
+      // A second wave of 0 Hz is none.
+      const double waves = waveAt(tone.firstHz, i) + waveAt(tone.secondHz, i);
+      const double peak = i < 48U * tone.onMs ? 32767 * std::pow(10, tone.levelDb / 20.0) : 0;
+      worst = std::max(worst, std::abs(peak * waves - samples[i]));
+    }
+    EXPECT_LE(worst, 0.51) << tone.name;
+  }
 }
 
 }  // namespace
