@@ -1,19 +1,54 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
 #include "support/child_process.h"
 #include "support/scratch_folder.h"
 
 namespace test {
+
+/// Do sanitizers slow the daemon down?
+#ifdef QUILLSPEAK_SLOW_BUILD
+inline constexpr bool kSlowBuild = true;
+#else
+inline constexpr bool kSlowBuild = false;
+#endif
+
+inline constexpr char kService[] = "com.wexel.Quillspeak";
+inline constexpr char kPath[] = "/com/wexel/Quillspeak";
+inline constexpr char kInterface[] = "com.wexel.QuillspeakInterface1";
+inline constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
+inline constexpr char kLimitsExceeded[] = "org.freedesktop.DBus.Error.LimitsExceeded";
+
+inline constexpr char kEnabled[] = "device.accessibility.qs_enabled = true\n";
+inline constexpr char kWithAutomation[] =
+    "device.accessibility.qs_enabled = true\ndevice.feature.dbus-automation = 1\n";
+
+inline constexpr std::chrono::seconds kPatience{30};
+
+/// Looks every few milliseconds until `met` holds; false after 30 s.
+template <typename Condition>
+bool eventually(Condition met) {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (!met()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 /// A message bus of the test's own, with a socket in `folder`.
 class PrivateBus {
@@ -33,7 +68,7 @@ class PrivateBus {
 class Daemon {
  public:
   struct Options {
-    std::string properties = "device.accessibility.qs_enabled = true\n";
+    std::string properties = kEnabled;
     std::string audio{};
     std::vector<std::string> arguments{};
     /// Does it find its standard output full, so that it has to wait for a reader?
@@ -47,26 +82,29 @@ class Daemon {
   Daemon& operator=(const Daemon&) = delete;
 
   pid_t id() const { return process->id(); }
-  void signal(int number) const;
+  void signal(int number) const { kill(process->id(), number); }
   /// Waits for the end; the exit status, or -N where it died of signal N.
   int exitStatus();
   std::string output() { return process->readAll(); }
 
-  std::vector<std::string> log() const;
+  /// How many lines of the log hold `part`?
   int countLog(const std::string& part) const;
-  /// Blocks until `count` lines of the log hold `part`; false after 30 s.
-  bool waitForLog(const std::string& part, int count = 1) const;
+  /// Blocks until `count` of them do; false after 30 s.
+  bool waitForLog(const std::string& part, int count = 1) const {
+    return eventually([&] { return countLog(part) >= count; });
+  }
 
  private:
   std::string logFile;
   std::unique_ptr<ChildProcess> process;
 };
 
-/// What a method call was answered with: a value, or an error's name and text.
+/// What a method call was answered with: a number or a text, or an error's name and message.
 struct Reply {
   std::uint64_t value = 0;
-  std::string error;
-  std::string message;
+  std::string text{};
+  std::string error{};
+  std::string message{};
 };
 
 struct PlayResult {
@@ -81,37 +119,69 @@ struct PlayResult {
 /// A client of the daemon on a connection of its own, in the order of what it receives.
 class Client {
  public:
+  using Answered = std::function<void(const Reply&)>;
+
   explicit Client(const std::string& busAddress);
 
-  /// Blocks until somebody owns the daemon's name (or nobody does); fails the test after 40 s.
-  bool awaitName(bool owned = true);
-  bool nameOwned();
+  /// Takes in what comes until `done` holds; false where that takes longer than `limit`.
+  template <typename Done>
+  bool until(Done done, std::chrono::microseconds limit = kPatience) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+      while (sd_bus_process(bus(), nullptr) > 0) {
+      }
+      if (done()) return true;
+      const auto left =
+          std::chrono::ceil<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return false;
+      // Not all that is waited for comes over the bus.
+      sd_bus_wait(bus(), static_cast<std::uint64_t>(std::min<std::int64_t>(left.count(), 10'000)));
+    }
+  }
+  void listen(std::chrono::milliseconds time) {
+    until([] { return false; }, time);
+  }
+
+  bool nameOwned() { return sd_bus_get_name_creds(bus(), kService, 0, nullptr) >= 0; }
+  /// Blocks until somebody owns the daemon's name (or nobody does); false after 40 s.
+  bool awaitName(bool owned = true) {
+    return until([&] { return nameOwned() == owned; }, std::chrono::seconds(40));
+  }
 
   Reply play(const std::vector<std::string>& texts, std::int32_t flags = 0, std::int32_t params = 0,
              std::int32_t type = 0);
-  Reply stop(std::uint64_t handle);
-  Reply reload(std::int32_t flags);
-  Reply setVolume(std::int32_t volume);
-  Reply fetch(const std::string& text, const std::string& path);
+  Reply stop(std::uint64_t handle) { return call(kInterface, "StopTTSPlay", "tii", handle, 0, 0); }
+  Reply reload(std::int32_t flags) { return call(kInterface, "ReloadConfig", "i", flags); }
+  Reply setVolume(std::int32_t volume) { return call(kInterface, "SetVolume", "i", volume); }
+  Reply fetch(const std::string& text, const std::string& path) {
+    return call(kInterface, "DoTTSFetchInFile", "ss", text.c_str(), path.c_str());
+  }
   /// Starts a conversion without waiting; `awaitFetched` gives the answers in their order.
-  void fetchLater(const std::string& text, const std::string& path);
-  std::vector<Reply> awaitFetched(std::size_t count);
+  void fetchLater(const std::string& text, const std::string& path) {
+    callLater([this](const Reply& reply) { fetched.push_back(reply); }, "DoTTSFetchInFile", "ss",
+              text.c_str(), path.c_str());
+  }
+  std::vector<Reply> awaitFetched(std::size_t count) {
+    until([&] { return fetched.size() >= count; });
+    return fetched;
+  }
 
   /// A property of the daemon's interface; nothing where it could not be read.
-  std::optional<std::int32_t> property(const std::string& name);
+  std::optional<std::int32_t> property(const char* name);
   /// A call of any interface ("" for none) and method with `signature` and arguments.
   Reply call(const char* interface, const char* method, const char* signature = "", ...);
-  std::string introspect();
+  /// The same of the daemon's interface without waiting: `answered` runs when the reply is taken
+  /// in.
+  void callLater(Answered answered, const char* method, const char* signature, ...);
 
-  /// Takes in what comes, for so long.
-  void listen(std::chrono::milliseconds time);
-  /// Waits for the result of that request; nothing after 30 s.
-  std::optional<PlayResult> awaitResult(std::uint64_t handle);
-  /// Waits until so many results have come; false after 30 s.
-  bool awaitResults(std::size_t count);
-  /// Has that request's result been received? Looks only at what was taken in already.
-  bool hasResult(std::uint64_t handle) const;
-  /// All results so far.
+  /// That request's result. Looks only at what was taken in already.
+  std::optional<PlayResult> result(std::uint64_t handle) const;
+  /// Waits for it; nothing after 30 s.
+  std::optional<PlayResult> awaitResult(std::uint64_t handle) {
+    until([&] { return result(handle).has_value(); });
+    return result(handle);
+  }
+  /// All results that were sent before.
   const std::vector<PlayResult>& results();
 
   sd_bus* bus() { return connection.get(); }
@@ -122,20 +192,64 @@ class Client {
   };
 
   static int onResult(sd_bus_message* message, void* self, sd_bus_error* error);
-  static int onFetched(sd_bus_message* message, void* self, sd_bus_error* error);
-  Reply finish(sd_bus_message* call, const char* resultType);
-  template <typename Done>
-  bool processUntil(Done done, std::chrono::milliseconds limit);
+  sd_bus_message* newCall(const char* interface, const char* method);
+  Reply finish(sd_bus_message* call);
 
-  std::unique_ptr<sd_bus, Close> connection;
+  std::deque<Answered> later;  // those that wait for an answer and those that had it
   std::vector<PlayResult> received;
   std::vector<Reply> fetched;
+  std::unique_ptr<sd_bus, Close> connection;
 };
 
-/// Blocks until `done()` holds, asking after each change of the file; false after 30 s.
-bool waitForFile(const std::string& path, const std::function<bool()>& done);
+/// The samples of the wave file at `path`; none where there is no such file.
+std::vector<std::int16_t> readWave(const std::string& path);
 
-/// The samples of a recording, once its header and size agree.
-std::vector<std::int16_t> readRecording(const std::string& path);
+/// Longer than any test waits for it to be spoken.
+std::string longText();
+
+/// A bus, the daemon on it and one client, all new for each case.
+class DaemonTest : public testing::Test {
+ protected:
+  /// With a new log, and without waiting for the name.
+  void launch(const Daemon::Options& options = {}) {
+    std::filesystem::remove(folder / "log");
+    daemon.emplace(folder, bus.address(), options);
+  }
+  void start(const Daemon::Options& options = {}) {
+    launch(options);
+    client.emplace(bus.address());
+    ASSERT_TRUE(client->awaitName());
+  }
+
+  /// Plays, waits for the result and returns it.
+  std::optional<std::uint32_t> playToEnd(const std::vector<std::string>& texts,
+                                         std::int32_t flags = 0) {
+    const Reply reply = client->play(texts, flags);
+    EXPECT_EQ(reply.error, "");
+    const auto result = client->awaitResult(reply.value);
+    return result.has_value() ? std::optional(result->resultCode) : std::nullopt;
+  }
+
+  /// An alert of so many samples, all of them 8000.
+  void writeAlert(std::size_t samples) const;
+
+  void setProperties(const std::string& text) {
+    writeFile(folder / "properties.new", text);
+    std::filesystem::rename(folder / "properties.new", folder / "properties.conf");
+  }
+
+  /// The daemon was told to go, and does within a second, with that status.
+  void expectEnd(int status) {
+    const auto asked = std::chrono::steady_clock::now();
+    EXPECT_EQ(daemon->exitStatus(), status);
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(kSlowBuild ? 2 : 1));
+    EXPECT_FALSE(std::filesystem::exists(folder / "run/quillspeak-daemon.pid"));
+  }
+
+  ScratchFolder folder;
+  PrivateBus bus{folder};
+  std::optional<Daemon> daemon;
+  std::optional<Client> client;
+};
 
 }  // namespace test

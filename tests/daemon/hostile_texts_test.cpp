@@ -1,16 +1,8 @@
 // Texts that a stranger might send: what each leads to, and what it may cost.
 
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "daemon/fixture.h"
+#include "daemon/harness.h"
 
 namespace {
 
@@ -39,12 +31,8 @@ struct Row {
 /// Limits are three times and more of what was measured where nothing else ran.
 std::vector<Row> hostileTexts() {
   using enum Outcome;
-  const std::string dots = "hello" + times(400, ".");
   std::vector<Row> rows = {
       {"a blank", " ", silent, 0.5, 0.5},
-      {"blanks", times(1000, " "), silent, 0.5, 0.5},
-      {"line ends", times(300, "\n\t\r"), silent, 0.5, 0.5},
-      {"a dot", ".", silent, 0.5, 0.5},
       {"dots", times(1000, "."), silent, 0.5, 0.5},
       {"307 dots behind a word", "hello" + times(307, "."), spoken, 2, 0.5},
       {"mixed marks", "hello" + times(300, "?!\"')"), spoken, 2, 0.5},
@@ -55,14 +43,12 @@ std::vector<Row> hostileTexts() {
       {"consonants", times(300, "w"), spoken, 200, 4},
       {"spelled, but for the last letter", times(63, "w") + "a", spoken, 40, 1},
       {"400 digits", times(400, "7"), spoken, 200, 4},
-      {"zeros", times(200, "0"), spoken, 100, 2},
       {"a number with commas", times(30, "1,000"), spoken, 60, 2},
       {"a price that ends in commas", "$1,,,", spoken, 2, 0.5},
       {"a price outside the tables", "$100,,0 million", spoken, 5, 0.5},
       {"prices", times(30, "$9.99 "), spoken, 80, 2},
       {"a king of many numbers", "King " + times(100, "XVI"), spoken, 80, 2},
       {"fractions", times(20, "1/2/3/"), spoken, 80, 2},
-      {"times of day", times(20, "12:59:"), spoken, 60, 2},
       {"huge numbers", "1e999999999 -1e-308 0x7fffffffffffffff", spoken, 20, 1},
       {"signs", times(20, "+-*/=%&@#~^|\\_"), spoken, 200, 4},
       {"formats", "%s%n%s%n%99999999d%p", spoken, 20, 0.5},
@@ -70,23 +56,15 @@ std::vector<Row> hostileTexts() {
       {"a shell's", "`reboot` $(reboot) ; reboot | reboot > /etc/passwd", spoken, 20, 0.5},
       {"a path", times(100, "../") + "etc/passwd", spoken, 10, 0.5},
       {"an address", "http://" + times(60, "a.b@") + "example.org/?q=1&r=2#s", spoken, 60, 2},
-      {"abbreviations", times(20, "Dr. St. Mr. No. etc. "), spoken, 80, 2},
-      {"letters with dots", times(60, "a.b.c."), spoken, 60, 2},
-      {"hyphens", times(200, "re-"), spoken, 80, 2},
       {"control characters", "a\x01\x02\x1b[31m\x7f\x08 b", spoken, 3, 0.5},
       {"accents", times(500, "\xC3\xA9"), silent, 5, 0.5},
       {"combining marks", "a" + times(500, "\xCC\x81"), spoken, 5, 0.5},
       {"emoji", times(200, "\xF0\x9F\x98\x80"), silent, 3, 0.5},
       {"another script", times(200, "\xE4\xBD\xA0\xE5\xA5\xBD "), silent, 5, 0.5},
-      {"right to left",
-       "\xE2\x80\xAE"
-       "abc \xD7\xA9\xD7\x9C\xE2\x80\xAC",
-       spoken, 3, 0.5},
+      {"right to left", "\u202Eabc \u05E9\u05DC\u202C", spoken, 3, 0.5},
       {"a byte order mark", "\xEF\xBB\xBF x", spoken, 3, 0.5},
       {"the last code point", "\xF4\x8F\xBF\xBD x", spoken, 3, 0.5},
       {"separators of lines", times(50, "a\xE2\x80\xA8 b\xE2\x80\xA9 "), spoken, 60, 2},
-      {"a letter too many", times(16385, "a"), refused, 0, 0.5},
-      {"a digit too many", times(2731, "9"), refused, 0, 0.5},
       {"a megabyte", times(1 << 20, "a"), refused, 0, 0.5},
   };
   for (const char mark : std::string(".!?,)\"':}]"))
@@ -95,64 +73,43 @@ std::vector<Row> hostileTexts() {
   return rows;
 }
 
-/// The most memory the process had, in KiB, since the last call of `forget`.
-class PeakMemory {
- public:
-  explicit PeakMemory(pid_t id) : folder("/proc/" + std::to_string(id)) {}
-  void forget() const { std::ofstream(folder + "/clear_refs") << "5"; }
-  long value() const {
-    const std::string status = test::readFile(folder + "/status");
-    return std::stol(status.substr(status.find("VmHWM:") + 6));
-  }
-
- private:
-  std::string folder;
-};
-
-class HostileTexts : public test::DaemonTest {
- protected:
-  /// The samples of the file that the daemon wrote.
-  static std::vector<std::int16_t> samplesOf(const std::string& path) {
-    const std::string file = test::readFile(path);
-    constexpr std::size_t kHeader = 44;
-    if (file.size() < kHeader) return {};
-    std::vector<std::int16_t> samples((file.size() - kHeader) / 2);
-    std::memcpy(samples.data(), file.data() + kHeader, 2 * samples.size());
-    return samples;
-  }
-};
+using HostileTexts = test::DaemonTest;
 
 TEST_F(HostileTexts, LeadToSoundOrARefusalAtABoundedCost) {
   start();
   // What is there before the first text: the voice, and the first buffers.
   EXPECT_EQ(client->fetch("hello", folder / "x.wav").error, "");
-  const PeakMemory memory(daemon->id());
-  const long before = memory.value();
+  // The most memory that it had, in KiB, since that was forgotten.
+  const std::string process = "/proc/" + std::to_string(daemon->id());
+  const auto peakMemory = [&] {
+    const std::string status = test::readFile(process + "/status");
+    return std::stol(status.substr(status.find("VmHWM:") + 6));
+  };
+  const long before = peakMemory();
   const std::string path = folder / "x.wav";
   for (const Row& row : hostileTexts()) {
     std::filesystem::remove(path);
-    memory.forget();
+    test::writeFile(process + "/clear_refs", "5");
     const auto asked = std::chrono::steady_clock::now();
     const test::Reply reply = client->fetch(row.text, path);
     const Seconds time = std::chrono::steady_clock::now() - asked;
-    const auto samples = samplesOf(path);
+    const auto samples = test::readWave(path);
     const bool audible = std::any_of(samples.begin(), samples.end(),
                                      [](int sample) { return std::abs(sample) >= kAudible; });
     const double sound = static_cast<double>(samples.size()) / kFileRate;
-    const long growth = memory.value() - before;
+    const long growth = peakMemory() - before;
     std::printf("%-42s %6zu bytes %8.2f s of sound, %6.3f s, %+7ld KiB%s\n", row.what,
                 row.text.size(), sound, time.count(), growth, audible ? "" : ", silent");
-    EXPECT_EQ(reply.error,
-              row.outcome == Outcome::refused ? "org.freedesktop.DBus.Error.LimitsExceeded" : "")
-        << row.what;
-    EXPECT_EQ(samples.empty(), row.outcome == Outcome::refused) << row.what;
-    EXPECT_EQ(audible, row.outcome == Outcome::spoken) << row.what;
-    EXPECT_LE(sound, row.sound) << row.what;
+    SCOPED_TRACE(row.what);
+    EXPECT_EQ(reply.error, row.outcome == Outcome::refused ? test::kLimitsExceeded : "");
+    EXPECT_EQ(samples.empty(), row.outcome == Outcome::refused);
+    EXPECT_EQ(audible, row.outcome == Outcome::spoken);
+    EXPECT_LE(sound, row.sound);
     // A piece of the most expensive characters, and the wave of the whole text.
     if (!test::kSlowBuild) {
-      EXPECT_LE(growth, 40'000 + static_cast<long>(samples.size() / 256)) << row.what;
+      EXPECT_LE(growth, 40'000 + static_cast<long>(samples.size() / 256));
     }
-    EXPECT_LE(time.count(), (test::kSlowBuild ? 4 : 1) * row.time) << row.what;
+    EXPECT_LE(time.count(), (test::kSlowBuild ? 4 : 1) * row.time);
   }
   EXPECT_EQ(playToEnd({"on"}), 0U);
 }

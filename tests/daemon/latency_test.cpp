@@ -1,12 +1,6 @@
-#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "daemon/fixture.h"
+#include "daemon/harness.h"
 #include "support/background.h"
 
 // By itself, and with no other test beside it: what is measured is the daemon, not the machine.
@@ -28,27 +22,16 @@ TEST_F(Latency, CallsAreAnsweredWhileTheLargestTextsAreSynthesised) {
   const std::uint64_t handle = client->play({heavy}, 2).value;
   std::vector<std::chrono::microseconds> times;
   std::uint64_t queued = 0;
+  const std::function<void()> kCalls[] = {
+      [&] { queued = client->play({"behind the one that plays"}, 2).value; },
+      [&] { client->stop(queued); }, [&] { client->reload(0); }, [&] { client->setVolume(2); },
+      [&] { client->property("State"); }};
   for (int i = 0; i < 300; ++i) {
     // A steady 200 calls a second: a client that floods competes with the daemon for the processor,
     // and the figure is then the scheduler's.
     client->listen(5ms);
     const auto asked = std::chrono::steady_clock::now();
-    switch (i % 5) {
-      case 0:
-        queued = client->play({"behind the one that plays"}, 2).value;
-        break;
-      case 1:
-        client->stop(queued);
-        break;
-      case 2:
-        client->reload(0);
-        break;
-      case 3:
-        client->setVolume(2);
-        break;
-      default:
-        client->property("State");
-    }
+    kCalls[i % 5]();
     times.push_back(std::chrono::duration_cast<std::chrono::microseconds>(
         std::chrono::steady_clock::now() - asked));
   }

@@ -2,21 +2,16 @@
 
 #include <dbus/dbus.h>
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "daemon/fixture.h"
+#include "daemon/harness.h"
 
 namespace {
 
+using test::kInterface;
+using test::kLimitsExceeded;
+using test::kPath;
+using test::kProperties;
+using test::kService;
 using test::Reply;
-
-constexpr char kService[] = "com.wexel.Quillspeak";
-constexpr char kPath[] = "/com/wexel/Quillspeak";
-constexpr char kInterface[] = "com.wexel.QuillspeakInterface1";
-constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 
 class Stranger : public test::DaemonTest {
  protected:
@@ -29,36 +24,33 @@ class Stranger : public test::DaemonTest {
 
 TEST_F(Stranger, IsAnsweredWhateverArgumentsAMethodGets) {
   const struct {
-    const char *interface, *method;
-  } kMethods[] = {{kInterface, "DoTTSAndPlay"},
-                  {kInterface, "StopTTSPlay"},
-                  {kInterface, "ReloadConfig"},
-                  {kInterface, "SetVolume"},
-                  {kInterface, "DoTTSFetchInFile"},
-                  {kInterface, ""},
-                  {kProperties, "Get"},
-                  {kProperties, "Set"},
-                  {kProperties, "GetAll"},
-                  {"org.freedesktop.DBus.Introspectable", "Introspect"},
-                  {"org.freedesktop.DBus.Peer", "GetMachineId"},
-                  {"x.y", "Z"}};
-  for (const auto& [interface, name] : kMethods) {
-    const char* const method = *name != '\0' ? name : "A";
+    const char *interface, *method, *error;
+  } kMethods[] = {{kInterface, "DoTTSAndPlay", "InvalidArgs"},
+                  {kInterface, "StopTTSPlay", "InvalidArgs"},
+                  {kInterface, "ReloadConfig", "InvalidArgs"},
+                  {kInterface, "SetVolume", "InvalidArgs"},
+                  {kInterface, "DoTTSFetchInFile", "InvalidArgs"},
+                  {kInterface, "A", "UnknownMethod"},
+                  {kProperties, "Get", ""},
+                  {kProperties, "Set", ""},
+                  {kProperties, "GetAll", "UnknownMethod"},
+                  {"org.freedesktop.DBus.Introspectable", "Introspect", ""},
+                  {"org.freedesktop.DBus.Peer", "GetMachineId", ""},
+                  {"x.y", "Z", "UnknownMethod"}};
+  for (const auto& [interface, method, error] : kMethods) {
     for (const char* const named : {interface, ""}) {
+      const std::string refusal = *named != '\0' ? error : "UnknownInterface";
       test::Client& c = *client;
       const Reply replies[] = {
           c.call(named, method),
           c.call(named, method, "s", "text"),
           c.call(named, method, "i", 2),
           c.call(named, method, "t", std::uint64_t{1}),
-          c.call(named, method, "d", 0.5),
           c.call(named, method, "h", 0),
           c.call(named, method, "as", 0),
           c.call(named, method, "as", 2, "one", "two"),
-          c.call(named, method, "asi", 1, "one", 2),
           c.call(named, method, "asiih", 0, 1, 2, 0),
           c.call(named, method, "aas", 1, 1, "one"),
-          c.call(named, method, "ai", 3, 1, 2, 3),
           c.call(named, method, "ah", 1, 0),
           c.call(named, method, "v", "h", 0),
           c.call(named, method, "v", "v", "s", "text"),
@@ -68,13 +60,10 @@ TEST_F(Stranger, IsAnsweredWhateverArgumentsAMethodGets) {
           c.call(named, method, "sah", kInterface, 1, 0),
       };
       for (const Reply& reply : replies) {
-        const auto place = &reply - replies;
-        EXPECT_TRUE(reply.error.empty() || reply.error.starts_with("org.freedesktop.DBus.Error."))
-            << method << " " << place << " " << reply.error;
-        EXPECT_NE(reply.error, "org.freedesktop.DBus.Error.NoReply") << method << " " << place;
-        if (*named == '\0') {
-          EXPECT_EQ(reply.error, "org.freedesktop.DBus.Error.UnknownInterface") << method;
-        }
+        SCOPED_TRACE(testing::Message() << method << " " << &reply - replies << reply.error);
+        EXPECT_NE(reply.error, "org.freedesktop.DBus.Error.NoReply");
+        EXPECT_TRUE((reply.error.empty() && *named != '\0') ||
+                    reply.error.starts_with("org.freedesktop.DBus.Error." + refusal));
       }
     }
   }
@@ -130,36 +119,38 @@ TEST_F(Stranger, IsIgnoredWhereItAnswersNobodyAndSignalsInOurName) {
 }
 
 TEST_F(Stranger, MayWantNoReplyAndVanishWithCallsPending) {
+  const auto call = [](const char* method, bool noReply) {
+    DBusMessage* const message = dbus_message_new_method_call(kService, kPath, kInterface, method);
+    dbus_message_set_no_reply(message, noReply ? TRUE : FALSE);
+    return message;
+  };
+  const std::string file = folder / "nobody.wav";
+  const char* const path = file.c_str();
+  const char* const text = "on";
+  const dbus_int32_t level = 2;
   for (int round = 0; round < 20; ++round) {
     RawClient raw(bus.address());
+    const bool noReply = round % 2 == 0;
     for (const char* const method :
          {"DoTTSAndPlay", "StopTTSPlay", "ReloadConfig", "SetVolume", "DoTTSFetchInFile"}) {
-      DBusMessage* const call = dbus_message_new_method_call(kService, kPath, kInterface, method);
-      const dbus_int32_t level = 2;
-      dbus_message_append_args(call, DBUS_TYPE_INT32, &level, DBUS_TYPE_INVALID);
-      dbus_message_set_no_reply(call, round % 2 == 0 ? TRUE : FALSE);
-      raw.send(call);
+      DBusMessage* const message = call(method, noReply);
+      dbus_message_append_args(message, DBUS_TYPE_INT32, &level, DBUS_TYPE_INVALID);
+      raw.send(message);
     }
-    DBusMessage* const conversion =
-        dbus_message_new_method_call(kService, kPath, kInterface, "DoTTSFetchInFile");
-    const char* const text = "on";
-    const std::string file = folder / "nobody.wav";
-    const char* const path = file.c_str();
+    DBusMessage* const conversion = call("DoTTSFetchInFile", noReply);
     dbus_message_append_args(conversion, DBUS_TYPE_STRING, &text, DBUS_TYPE_STRING, &path,
                              DBUS_TYPE_INVALID);
-    dbus_message_set_no_reply(conversion, round % 2 == 0 ? TRUE : FALSE);
     raw.send(conversion);
   }
 }
 
 TEST_F(Stranger, MaySendMegabytesAndAMillionTexts) {
-  constexpr char kExceeded[] = "org.freedesktop.DBus.Error.LimitsExceeded";
   // The bus passes on what is up to 32 MB, and parts with whoever sends more.
   EXPECT_NE(test::Client(bus.address()).play({std::string(64 << 20, 'a')}).error, "");
-  EXPECT_EQ(client->play({std::string(30 << 20, 'a')}).error, kExceeded);
-  EXPECT_EQ(client->play(std::vector<std::string>(100'000, "a")).error, kExceeded);
-  EXPECT_EQ(client->play(std::vector<std::string>(1'000'000, "")).error, kExceeded);
-  EXPECT_EQ(client->fetch(std::string(30 << 20, 'a'), folder / "a.wav").error, kExceeded);
+  EXPECT_EQ(client->play({std::string(30 << 20, 'a')}).error, kLimitsExceeded);
+  EXPECT_EQ(client->play(std::vector<std::string>(100'000, "a")).error, kLimitsExceeded);
+  EXPECT_EQ(client->play(std::vector<std::string>(1'000'000, "")).error, kLimitsExceeded);
+  EXPECT_EQ(client->fetch(std::string(30 << 20, 'a'), folder / "a.wav").error, kLimitsExceeded);
   // A path as long as this is no file's.
   EXPECT_EQ(client->fetch("on", std::string(20 << 20, 'p')).error, "");
 }
