@@ -1,7 +1,5 @@
 // What a polite client may rely on.
 
-#include <regex>
-
 #include "daemon/harness.h"
 
 namespace {
@@ -22,9 +20,12 @@ TEST_F(Contract, IntrospectionListsEveryMemberWithItsArguments) {
   const auto begin = reply.text.find("<interface name=\"com.wexel.QuillspeakInterface1\">");
   ASSERT_NE(begin, std::string::npos) << reply.text;
   const auto end = reply.text.find("</interface>", begin);
-  const std::string members =
-      std::regex_replace(reply.text.substr(begin, end - begin),
-                         std::regex("[\n\t\"]|(name|type|direction|access)="), "");
+  std::string members = reply.text.substr(begin, end - begin);
+  for (const std::string_view noise :
+       {"\n", "\t", "\"", "name=", "type=", "direction=", "access="}) {
+    for (auto at = members.find(noise); at != std::string::npos; at = members.find(noise))
+      members.erase(at, noise.size());
+  }
   for (const char* const member :
        {"<method DoTTSFetchInFile><arg in s textToConvert/><arg in s filePath/>"
         "<arg out i resultCode/></method>",

@@ -36,15 +36,11 @@ class Background {
 
   bool hasEnded() const { return ended; }
 
-  /// Returns once the function has ended (true) or sleeps, on a lock or a condition say (false):
-  /// once it did so at several looks in a row.
+  /// Returns once the function has ended (true) or sleeps on a lock or a condition (false): once it
+  /// did so at several looks in a row.
   bool endsWithoutSleep() const {
-    for (int looks = 0; looks < 3 && !ended; std::this_thread::yield()) {
-      const std::string status = readFile("/proc/self/task/" + std::to_string(id) + "/stat");
-      const std::size_t name = status.rfind(')');
-      const bool sleeps = name != std::string::npos && status[name + 2] == 'S';
-      looks = sleeps ? looks + 1 : 0;
-    }
+    for (int looks = 0; looks < 3 && !ended; std::this_thread::yield())
+      looks = sleepsOnALock() ? looks + 1 : 0;
     return ended;
   }
 
@@ -55,6 +51,17 @@ class Background {
   }
 
  private:
+  bool sleepsOnALock() const {
+    const std::string task = "/proc/self/task/" + std::to_string(id);
+    const std::string status = readFile(task + "/stat");
+    const std::size_t name = status.rfind(')');
+    if (name == std::string::npos || status[name + 2] != 'S') return false;
+    // Where in the kernel it waits; "0" where that is kept secret.
+    const std::string place = readFile(task + "/wchan");
+    return place == "0" || place.find("futex") != std::string::npos ||
+           place.find("rt_mutex") != std::string::npos;
+  }
+
   using Stored = std::conditional_t<std::is_void_v<Result>, char, Result>;
 
   std::atomic<pid_t> id{0};
