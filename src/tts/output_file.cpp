@@ -44,35 +44,38 @@ int readLink(const UniqueFd& link, const struct stat& linkStatus, const UniqueFd
   return 0;
 }
 
-/// Walks to the folder of the last component, component by component, and leaves that in `name`.
-/// 0 or an errno value.
-int openFolder(const std::string& path, UniqueFd& folder, std::string& name) {
-  std::string rest = path;
-  folder = openPlace(AT_FDCWD, rest.starts_with('/') ? "/" : ".");
-  for (int links = 0; folder;) {
-    rest.erase(0, rest.find_first_not_of('/'));
-    const std::size_t end = rest.find('/');
-    if (end == std::string::npos) {
-      name = std::move(rest);
-      return 0;
-    }
-    UniqueFd next = openPlace(folder.get(), rest.substr(0, end));
-    struct stat status = {};
-    if (!next || ::fstat(next.get(), &status) != 0) return errno;
-    if (S_ISLNK(status.st_mode)) {
-      std::string target;
-      if (++links > kMaxLinks) return ELOOP;
-      if (const int failure = readLink(next, status, folder, target); failure != 0) return failure;
-      if (target.starts_with('/')) folder = openPlace(AT_FDCWD, "/");
-      rest.replace(0, end, target);
-    } else {
-      // Opened in earnest where that is allowed: a place in the tree alone mounts no file system.
-      UniqueFd entered(::openat(folder.get(), rest.substr(0, end).c_str(), kEnter));
-      folder = entered ? std::move(entered) : std::move(next);
-      rest.erase(0, end);
-    }
+/// Goes on from `folder` by the first component of `rest`: into the folder of that name, or to
+/// where the link of that name points, which then takes its place in `rest`. 0 or an errno value.
+int takeStep(UniqueFd& folder, std::string& rest, int& links) {
+  const std::size_t end = rest.find('/');
+  const std::string name = rest.substr(0, end);
+  UniqueFd place = openPlace(folder.get(), name);
+  struct stat status = {};
+  if (!place || ::fstat(place.get(), &status) != 0) return errno;
+  if (S_ISLNK(status.st_mode)) {
+    std::string target;
+    if (++links > kMaxLinks) return ELOOP;
+    if (const int failure = readLink(place, status, folder, target); failure != 0) return failure;
+    rest.replace(0, end, target);
+    if (target.starts_with('/')) folder = openPlace(AT_FDCWD, "/");
+    return folder ? 0 : errno;
   }
-  return errno;
+  // Opened in earnest where that is allowed: a place in the tree alone mounts no file system.
+  UniqueFd entered(::openat(folder.get(), name.c_str(), kEnter));
+  folder = entered ? std::move(entered) : std::move(place);
+  rest.erase(0, end);
+  return 0;
+}
+
+/// Walks to the folder of the last component, which is left in `rest`. 0 or an errno value.
+int openFolder(UniqueFd& folder, std::string& rest) {
+  folder = openPlace(AT_FDCWD, rest.starts_with('/') ? "/" : ".");
+  if (!folder) return errno;
+  for (int links = 0;;) {
+    rest.erase(0, rest.find_first_not_of('/'));
+    if (rest.find('/') == std::string::npos) return 0;
+    if (const int failure = takeStep(folder, rest, links); failure != 0) return failure;
+  }
 }
 
 /// 0 for a regular file, else what it is to be refused with.
@@ -105,8 +108,8 @@ int openOutputFile(const std::string& path, UniqueFd& file) {
   // The kernel's own limit, which a walk would go around.
   if (path.size() >= PATH_MAX) return ENAMETOOLONG;
   UniqueFd folder;
-  std::string name;
-  if (const int failure = openFolder(path, folder, name); failure != 0) return failure;
+  std::string name = path;
+  if (const int failure = openFolder(folder, name); failure != 0) return failure;
   UniqueFd opened;
   if (const int failure = openRegularFile(folder, name, opened); failure != 0) return failure;
   if (::ftruncate(opened.get(), 0) != 0) return errno;
