@@ -5,7 +5,7 @@
 
 #include <chrono>
 #include <cstring>
-#include <memory>
+#include <future>
 
 #include "app/bus_dispatcher.h"
 #include "platform/clock.h"
@@ -18,20 +18,22 @@ namespace {
 constexpr char kService[] = "com.wexel.Quillspeak";
 constexpr char kPath[] = "/com/wexel/Quillspeak";
 
-// The loop on the main thread hands every message to the proxy, so the proxy dies there.
-struct DestroyOnBusThread {
-  void operator()(QuillspeakTestImpl* proxy) const {
-    const bool posted = withDispatcher([proxy](CheckingBusDispatcher& dispatcher) {
-      dispatcher.work().post(BusWork::Kind::reply, [proxy] { delete proxy; });
+/// Returns once the loop on the main thread has left the connection to this one.
+void takeConnection() {
+  std::promise<void> isOurs;
+  const bool posted = withDispatcher([&isOurs](CheckingBusDispatcher& dispatcher) {
+    dispatcher.work().post(BusWork::Kind::reply, [&isOurs, &dispatcher] {
+      dispatcher.leaveConnectionAlone();
+      isOurs.set_value();
     });
-    if (!posted) delete proxy;
-  }
-};
+  });
+  if (posted) isOurs.get_future().wait();
+}
 
 /// Throws DBus::Error where nobody answers, or not with a number.
 void probe(DBus::Connection& connection) {
-  const std::unique_ptr<QuillspeakTestImpl, DestroyOnBusThread> proxy(
-      new QuillspeakTestImpl(connection));
+  takeConnection();
+  const QuillspeakTestImpl proxy(connection);
   syslog(LOG_NOTICE, "%s: Client succesfully created", "testDBusThread");
   DBus::CallMessage call(kService, kPath, "org.freedesktop.DBus.Properties", "Get");
   DBus::MessageIter arguments = call.writer();

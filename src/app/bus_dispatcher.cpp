@@ -66,6 +66,11 @@ void CheckingBusDispatcher::do_iteration() {
   posted.run();
   // The library has closed its wake-up descriptors by now; another poll would watch a stranger's.
   if (left) return;
+  if (connectionIsAnothers) {
+    pollfd work{posted.descriptor(), POLLIN, 0};
+    poll(&work, 1, -1);
+    return;
+  }
   DBus::BusDispatcher::do_iteration();
 }
 

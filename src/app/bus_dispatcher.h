@@ -31,6 +31,11 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
 
   BusWork& work() { return posted; }
 
+  /// From the next iteration on the loop runs posted work alone and leaves the connection to
+  /// another thread: two that read from it would wait for each other where the bus is lost. For the
+  /// rest of the cycle; loop's own thread.
+  void leaveConnectionAlone() { connectionIsAnothers = true; }
+
   /// Makes the loop leave once it has run what was posted before. Any thread; a second one in the
   /// same cycle does nothing, since the library's loop bears one only.
   void postLeave();
@@ -44,6 +49,7 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
   DBus::Connection* connection = nullptr;
   /// Was the loop told to leave?
   bool left = false;
+  bool connectionIsAnothers = false;
   const std::thread::id loopThread = std::this_thread::get_id();
   std::vector<DBus::Watch*> removedWatches;     // loop's thread only
   std::vector<DBus::Timeout*> removedTimeouts;  // loop's thread only

@@ -163,6 +163,15 @@ TEST_F(Automation, StandsAsideWhileATestSetUpHasTheNameAndServesWhenItHasGone) {
   EXPECT_EQ(playToEnd({"served again"}), 0U);
 }
 
+TEST_F(Automation, TheLossOfTheBusEndsItWhileTheOwnerOfTheNameIsAsked) {
+  // It has the name and never answers.
+  const NameOwner owner(bus.address(), "i");
+  launchWithFeature();
+  ASSERT_TRUE(daemon->waitForLog("testDBusThread: Client succesfully created"));
+  bus.kill();
+  expectEnd(255);
+}
+
 TEST_F(Automation, AnAnswerThatIsNoNumberCountsAsNobody) {
   NameOwner owner(bus.address(), "h");
   launchWithFeature();
