@@ -48,6 +48,20 @@ TEST_F(Writer, PlaysNothingOfWhatWakesItAfterAStop) {
   EXPECT_TRUE(controller.reports.empty()) << "the streaming side reports a stop";
 }
 
+TEST_F(Writer, ReportsNothingWhereAStopComesJustBeforeItDecides) {
+  qs_ns::QS_WriteTTSThread writer(&controller, queue, request.get(), outcome);
+  add(kFrameSamples);
+  queue.markExhausted();
+  test::beforeNextLock(&outcome.lock, [&] {
+    const platform::MutexLock hold(outcome.lock);
+    outcome.result = qs_ns::RequestOutcome::Result::stopped;
+  });
+  ASSERT_EQ(writer.start(), 0);
+  writer.join();
+  EXPECT_FALSE(controller.media.frames.empty());
+  EXPECT_TRUE(controller.reports.empty());
+}
+
 TEST_F(Writer, FeedsSilenceWhileTheNextTextIsAwaitedAndLosesNothingOfTheLastOne) {
   test::FakeClock clock;
   qs_ns::QS_WriteTTSThread writer(&controller, queue, request.get(), outcome);
