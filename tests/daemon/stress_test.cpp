@@ -288,7 +288,7 @@ TEST_F(Stress, NothingIsLostDoubledOrKept) {
       long{rest.count()});
   EXPECT_EQ(late.descriptors, early.descriptors);
   EXPECT_LE(late.threads, early.threads);
-  EXPECT_LE(rest, 2 * first + 1ms);
+  EXPECT_LE(rest, 2 * first + 300us);
   // In fewer the heap has not found its size; a sanitizer keeps what was freed.
   if (requestsWanted >= 20000 && !test::kSlowBuild) {
     EXPECT_LE(late.residentKiB, early.residentKiB + 1024);
