@@ -86,10 +86,12 @@ Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, const
 }
 
 Daemon::~Daemon() {
-  // What is killed neither looks for leaks nor writes down what it counted.
-  if (!kSlowBuild || process->hasEnded()) return;
+#ifdef QUILLSPEAK_COVERAGE
+  // What is killed does not write down what it counted.
+  if (process->hasEnded()) return;
   signal(SIGTERM);
-  EXPECT_NE(exitStatus(), kFoundAtFault);
+  process->wait();
+#endif
 }
 
 int Daemon::exitStatus() {

@@ -38,8 +38,6 @@ inline constexpr char kWithAutomation[] =
     "device.accessibility.qs_enabled = true\ndevice.feature.dbus-automation = 1\n";
 
 inline constexpr std::chrono::seconds kPatience{30};
-/// What a sanitizer ends a process with that it has found at fault.
-inline constexpr int kFoundAtFault = 99;
 
 /// Looks every few milliseconds until `met` holds; false after 30 s.
 template <typename Condition>

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -14,10 +15,9 @@ namespace test {
 namespace {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> all;
-  for (std::string& text : texts)
-    all.push_back(text.data());
-  all.push_back(nullptr);
+  std::vector<char*> all(texts.size() + 1);  // the last one is null
+  std::transform(texts.begin(), texts.end(), all.begin(),
+                 [](std::string& text) { return text.data(); });
   return all;
 }
 

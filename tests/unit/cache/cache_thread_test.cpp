@@ -43,6 +43,8 @@ TEST(CacheThread, BuildsItsSetOfPhrasesInTheOrderOfTheList) {
   }
 }
 
+// Most of it is the table.
+// NOLINTNEXTLINE(readability-function-cognitive-complexity)
 TEST(CacheThread, TriesAPhraseAgainAfterEveryFailureAndEndsWhereverAStopFindsIt) {
   const Texts kOne = {"8"};
   const Texts kAgain = {"8", "8", "9"};

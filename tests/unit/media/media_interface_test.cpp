@@ -19,7 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 
 class MediaInterfaceTest : public testing::Test {
- protected:
+ public:
   MediaInterfaceTest() {
     test::clearLog();
     setenv("QUILLSPEAK_AUDIO", "null", 1);
@@ -27,6 +27,7 @@ class MediaInterfaceTest : public testing::Test {
   }
   ~MediaInterfaceTest() override { unsetenv("QUILLSPEAK_AUDIO"); }
 
+ protected:
   int play() { return media.playDataMsAudPlaybackSession(sound, sizeof sound); }
 
   test::SkippingClock clock;

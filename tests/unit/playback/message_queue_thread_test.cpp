@@ -166,7 +166,7 @@ TEST(TakenRequest, LosesNothingThatComesMeanwhile) {
 class FoundRequest : public PlayQueue {
  protected:
   /// Adds a request and runs the queue, calling `meanwhile` when its thread is about to take it.
-  void runWith(std::function<void(std::uint64_t)> meanwhile) {
+  void runWith(const std::function<void(std::uint64_t)>& meanwhile) {
     const std::uint64_t handle = add("found");
     queue.isBusy();
     test::beforeNextLock(test::lastLocked(), [=] { meanwhile(handle); });
