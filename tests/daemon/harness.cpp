@@ -85,14 +85,16 @@ Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, const
                   "QUILLSPEAK_TRACE=" + (folder / "trace.conf")});
 }
 
-Daemon::~Daemon() {
 #ifdef QUILLSPEAK_COVERAGE
-  // What is killed does not write down what it counted.
+// What is killed does not write down what it counted.
+Daemon::~Daemon() {
   if (process->hasEnded()) return;
   signal(SIGTERM);
   process->wait();
-#endif
 }
+#else
+Daemon::~Daemon() = default;
+#endif
 
 int Daemon::exitStatus() {
   const int status = process->wait();
@@ -131,7 +133,7 @@ Reply Client::finish(sd_bus_message* call) {
   sd_bus_error error{};
   sd_bus_message* reply = nullptr;
   const int status = sd_bus_call(bus(), call, 0, &error, &reply);
-  const Reply result = status >= 0 ? readReply(reply) : failure(error);
+  Reply result = status >= 0 ? readReply(reply) : failure(error);
   sd_bus_error_free(&error);
   sd_bus_message_unref(reply);
   sd_bus_message_unref(call);

@@ -172,7 +172,7 @@ void qs_ns::qs_disconnectDBus() {}
 int ms_start() { return ++server.starts <= server.fault.startsFail ? -1 : 0; }
 int ms_stop() { return 0; }
 int ms_openAudPlayback(int) { return ++server.opens <= server.fault.opensFail ? 0 : 7; }
-int ms_sendDataToAudPlayback(int, const void*, unsigned int size) { return server.write(size); }
+int ms_sendDataToAudPlayback(int, const void*, unsigned int bytes) { return server.write(bytes); }
 int ms_closeAudPlayback(int) { return 0; }
 int ms_setOutputAudioPath(int, int) { return 0; }
 int ms_createToneSession(int) { return -1; }
