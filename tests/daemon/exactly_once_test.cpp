@@ -63,7 +63,7 @@ TEST_F(ExactlyOnce, AThousandReloadsWhileItSpeaksLeaveNoThreadBehind) {
   start();
   ASSERT_TRUE(daemon->waitForLog("Number of phrases in cache:51"));
   constexpr long kAtRest = 2;  // signals and play queue
-  EXPECT_TRUE(test::eventually([&] { return threads() <= kAtRest; }));
+  EXPECT_TRUE(client->until([&] { return threads() <= kAtRest; }));
   const std::uint64_t playing = client->play({test::longText()}).value;
   ASSERT_TRUE(daemon->waitForLog("WriteTTSThread started"));
   for (int i = 0; i < 1000; ++i) {
@@ -74,7 +74,7 @@ TEST_F(ExactlyOnce, AThousandReloadsWhileItSpeaksLeaveNoThreadBehind) {
   }
   EXPECT_EQ(client->stop(playing).error, "");
   EXPECT_EQ(playToEnd({"on"}), 0U);
-  EXPECT_TRUE(test::eventually([&] { return threads() <= kAtRest + 1; })) << "the last builder";
+  EXPECT_TRUE(client->until([&] { return threads() <= kAtRest + 1; })) << "the last builder";
 }
 
 // The name is given up a second after it is asked for; the time to plan a stage for. Those that are

@@ -1,11 +1,15 @@
 #include "daemon/harness.h"
 
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstring>
 #include <fstream>
+
+#include "platform/unique_fd.h"
 
 namespace test {
 
@@ -43,6 +47,22 @@ Reply readReply(sd_bus_message* reply) {
 
 }  // namespace
 
+bool awaitFile(const std::string& path, const std::function<bool()>& met) {
+  const platform::UniqueFd watcher(inotify_init1(IN_CLOEXEC));
+  EXPECT_GE(inotify_add_watch(watcher.get(), path.c_str(), IN_MODIFY), 0) << path;
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (!met()) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    pollfd changed{watcher.get(), POLLIN, 0};
+    if (poll(&changed, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) <= 0)
+      return met();
+    char events[4096];
+    if (read(watcher.get(), events, sizeof events) < 0) return false;
+  }
+  return true;
+}
+
 PrivateBus::PrivateBus(const ScratchFolder& folder) : socket(folder / "bus") {
   unlink(socket.c_str());
   writeFile(folder / "bus.conf", busConfiguration(socket));
@@ -67,6 +87,8 @@ Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, const
   writeFile(folder / "properties.conf", options.properties);
   // The debug level, which is off by itself, shows what tests look for.
   writeFile(folder / "trace.conf", "baseseverity = 7\n");
+  // It is watched before the daemon has logged anything.
+  const std::ofstream created(logFile, std::ios::app);
   const std::string audio = options.audio.empty() ? "wav:" + (folder / "sound.wav") : options.audio;
   std::string program = QUILLSPEAK_DAEMON;
   std::vector<std::string> arguments = options.arguments;

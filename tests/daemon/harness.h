@@ -9,7 +9,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -39,16 +38,9 @@ inline constexpr char kWithAutomation[] =
 
 inline constexpr std::chrono::seconds kPatience{30};
 
-/// Looks every few milliseconds until `met` holds; false after 30 s.
-template <typename Condition>
-bool eventually(Condition met) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (!met()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
+/// Blocks until `met` holds, asking after each change of the file, which has to be there; false
+/// after 30 s.
+bool awaitFile(const std::string& path, const std::function<bool()>& met);
 
 /// A message bus of the test's own, with a socket in `folder`.
 class PrivateBus {
@@ -91,7 +83,7 @@ class Daemon {
   int countLog(const std::string& part) const;
   /// Blocks until `count` of them do; false after 30 s.
   bool waitForLog(const std::string& part, int count = 1) const {
-    return eventually([&] { return countLog(part) >= count; });
+    return awaitFile(logFile, [&] { return countLog(part) >= count; });
   }
 
  private:

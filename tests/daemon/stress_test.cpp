@@ -147,7 +147,8 @@ class Stress : public test::DaemonTest {
     asked.handle = client->play(asked.texts).value;
     noteSent(asked);
     const std::uintmax_t before = soundBytes();
-    EXPECT_TRUE(test::eventually([&] { return soundBytes() > before + 2 * 480 * 5; }));
+    EXPECT_TRUE(
+        test::awaitFile(folder / "sound.wav", [&] { return soundBytes() > before + 2 * 480 * 5; }));
     stop(asked.handle);
     const std::uintmax_t atAnswer = soundBytes();
     EXPECT_TRUE(client->awaitResult(asked.handle).has_value());
