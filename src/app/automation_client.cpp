@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <future>
+#include <memory>
 
 #include "app/bus_dispatcher.h"
 #include "platform/clock.h"
@@ -20,14 +21,15 @@ constexpr char kPath[] = "/com/wexel/Quillspeak";
 
 /// Returns once the loop on the main thread has left the connection to this one.
 void takeConnection() {
-  std::promise<void> isOurs;
+  // Shared: the loop may still be inside `set_value` when this has returned.
+  const auto isOurs = std::make_shared<std::promise<void>>();
   const bool posted = withDispatcher([&isOurs](CheckingBusDispatcher& dispatcher) {
-    dispatcher.work().post(BusWork::Kind::reply, [&isOurs, &dispatcher] {
+    dispatcher.work().post(BusWork::Kind::reply, [isOurs, &dispatcher] {
       dispatcher.leaveConnectionAlone();
-      isOurs.set_value();
+      isOurs->set_value();
     });
   });
-  if (posted) isOurs.get_future().wait();
+  if (posted) isOurs->get_future().wait();
 }
 
 /// Throws DBus::Error where nobody answers, or not with a number.
