@@ -65,6 +65,7 @@ std::vector<Row> hostileTexts() {
       {"a byte order mark", "\xEF\xBB\xBF x", spoken, 3, 0.5},
       {"the last code point", "\xF4\x8F\xBF\xBD x", spoken, 3, 0.5},
       {"separators of lines", times(50, "a\xE2\x80\xA8 b\xE2\x80\xA9 "), spoken, 60, 2},
+      {"plain words", times(1000, "a word "), spoken, 600, 8},
       {"a megabyte", times(1 << 20, "a"), refused, 0, 0.5},
   };
   for (const char mark : std::string(".!?,)\"':}]"))

@@ -36,8 +36,8 @@ class Background {
 
   bool hasEnded() const { return ended; }
 
-  /// Returns once the function has ended (true) or sleeps on a lock or a condition (false): once it
-  /// did so at several looks in a row.
+  /// Returns once the function has ended (true) or sleeps on a lock, a condition or a pause
+  /// (false): once it did so at several looks in a row.
   bool endsWithoutSleep() const {
     for (int looks = 0; looks < 3 && !ended; std::this_thread::yield())
       looks = sleepsOnALock() ? looks + 1 : 0;
@@ -59,7 +59,7 @@ class Background {
     // Where in the kernel it waits; "0" where that is kept secret.
     const std::string place = readFile(task + "/wchan");
     return place == "0" || place.find("futex") != std::string::npos ||
-           place.find("rt_mutex") != std::string::npos;
+           place.find("rt_mutex") != std::string::npos || place.find("pause") != std::string::npos;
   }
 
   using Stored = std::conditional_t<std::is_void_v<Result>, char, Result>;

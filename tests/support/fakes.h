@@ -10,6 +10,7 @@
 #include "core/interfaces/cache_thread_base.h"
 #include "core/interfaces/controller_base.h"
 #include "core/interfaces/media_interface_base.h"
+#include "core/interfaces/message_queue_base.h"
 #include "dsp/pfir.h"
 #include "playback/play_request.h"
 #include "support/gate.h"
@@ -102,6 +103,36 @@ class FakeController : public qs_ns::QS_ControllerBase {
     EXPECT_FALSE(force) << "only a reload throws the caches away";
     restarts.add();
   }
+};
+
+/// A queue that plays nothing.
+// Queues are never destroyed through their base, which has no virtual destructor.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor)
+class FakeQueue final : public qs_ns::QS_MessageQueueBase {
+ public:
+  using Request = std::unique_ptr<qs_ns::QS_PlayRequest>;
+  std::function<void(Request)> onAdd = [](const Request&) {};
+  std::function<void(std::uint64_t)> onStopPlaying = [](std::uint64_t) {};
+  std::function<void()> onStop = [] {};
+  int added = 0;
+  int stops = 0;
+
+  void runThread() override {}
+  void stopThread() override {
+    ++stops;
+    onStop();
+  }
+  void notifyThread(const qs_ns::QS_PlayRequest*) override {}
+  int stopPlaying(const unsigned long long& handle) override {
+    onStopPlaying(handle);
+    return 3;
+  }
+  void addToQueue(std::unique_ptr<qs_ns::QS_PlayRequest> request) override {
+    onAdd(std::move(request));
+    ++added;
+  }
+  bool isBusy() override { return false; }
+  int requestsWaiting() override { return 5; }
 };
 
 inline std::unique_ptr<qs_ns::QS_PlayRequest> makeRequest(std::vector<std::string> texts,

@@ -11,6 +11,7 @@ namespace {
 
 std::atomic<int> live{0};
 std::atomic<int> creationsUntilFailure{0};
+std::atomic<bool> endsAwaited{false};
 thread_local const void* lockedLast = nullptr;
 
 // Written before the lock that it waits for, on that lock's thread or before that thread starts.
@@ -20,12 +21,14 @@ std::function<void()> awaitedAction;
 struct Start {
   void* (*function)(void*);
   void* argument;
+  std::shared_ptr<test::Gate> end;
 };
 
 void* enter(void* given) {
   const std::unique_ptr<Start> start(static_cast<Start*>(given));
   void* const result = start->function(start->argument);
   --live;
+  start->end->open();
   return result;
 }
 
@@ -38,6 +41,9 @@ int liveThreads() {
 }
 void failThread(int creation) {
   creationsUntilFailure = creation;
+}
+void awaitEndOfThreads(bool awaited) {
+  endsAwaited = awaited;
 }
 void beforeNextLock(const void* mutex, std::function<void()> action) {
   awaitedAction = std::move(action);
@@ -63,11 +69,13 @@ int __real_pthread_cond_wait(pthread_cond_t*, pthread_mutex_t*);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                           void* (*function)(void*), void* argument) {
   if (creationsUntilFailure > 0 && --creationsUntilFailure == 0) return EAGAIN;
-  auto start = std::make_unique<Start>(Start{function, argument});
+  const auto end = std::make_shared<test::Gate>();
+  auto start = std::make_unique<Start>(Start{function, argument, end});
   ++live;
   const int error = __real_pthread_create(thread, attributes, enter, start.get());
   if (error == 0) {
     static_cast<void>(start.release());  // the thread owns it
+    if (endsAwaited) end->pass();
   } else {
     --live;
   }

@@ -13,6 +13,8 @@ namespace test {
 int liveThreads();
 /// Lets the `creation`-th thread from here (1 is the next) fail with EAGAIN.
 void failThread(int creation);
+/// Lets the starts of threads from here return only once the thread has ended, or no more so.
+void awaitEndOfThreads(bool awaited);
 
 /// Calls `action` on the thread that is the next to lock `mutex`, just before it has it.
 void beforeNextLock(const void* mutex, std::function<void()> action);

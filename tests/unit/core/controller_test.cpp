@@ -10,37 +10,12 @@
 #include "cache/static_phrase_cache.h"
 #include "core/interfaces/bus_release.h"
 #include "fake_speech.h"
-#include "playback/play_request.h"
 #include "support/fakes.h"
 #include "support/link_seams.h"
 #include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
 
 namespace {
-
-// Queues are never destroyed through their base, which has no virtual destructor.
-// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor)
-class FakeQueue final : public qs_ns::QS_MessageQueueBase {
- public:
-  std::function<void()> onAdd = [] {};
-  std::function<void()> onStop = [] {};
-  int added = 0;
-  int stops = 0;
-
-  void runThread() override {}
-  void stopThread() override {
-    ++stops;
-    onStop();
-  }
-  void notifyThread(const qs_ns::QS_PlayRequest*) override {}
-  int stopPlaying(const unsigned long long&) override { return 3; }
-  void addToQueue(std::unique_ptr<qs_ns::QS_PlayRequest>) override {
-    onAdd();
-    ++added;
-  }
-  bool isBusy() override { return false; }
-  int requestsWaiting() override { return 5; }
-};
 
 class Controller : public testing::Test {
  protected:
@@ -61,7 +36,7 @@ class Controller : public testing::Test {
 
   test::ScratchFolder folder;
   test::FakeSpeech speech;
-  FakeQueue queue;
+  test::FakeQueue queue;
   test::FakeMedia media;
   std::optional<qs_ns::QS_Controller> controller;
 };
@@ -112,7 +87,9 @@ TEST_F(Controller, OnlyThatVeryWordTurnsCachingOff) {
 
 TEST_F(Controller, PausesTheBuilderAndThenQueuesARequest) {
   make();
-  queue.onAdd = [] { EXPECT_EQ(test::countLog("QS_CT:pauseThread: PAUSE requested"), 1); };
+  queue.onAdd = [](const auto&) {
+    EXPECT_EQ(test::countLog("QS_CT:pauseThread: PAUSE requested"), 1);
+  };
   controller->playMediaFromText({"a"}, 0, 0, 0);
   EXPECT_EQ(queue.added, 1);
 }
