@@ -16,7 +16,7 @@ namespace {
 
 /// Serves with a queue of the test's own on a thread of its own, until it is told to leave.
 class Service : public testing::Test {
- protected:
+ public:
   Service() {
     test::clearLog();
     setenv("QUILLSPEAK_PROPERTIES", (folder / "properties.conf").c_str(), 1);
@@ -31,6 +31,10 @@ class Service : public testing::Test {
     qs_ns::withDispatcher([](qs_ns::CheckingBusDispatcher& loop) { loop.postLeave(); });
   }
 
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+
+ protected:
   void serve() {
     DBus::_init_threading();
     qs_ns::CheckingBusDispatcher loop;
