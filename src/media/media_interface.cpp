@@ -107,4 +107,8 @@ int QS_MediaInterface::stopMsTone(int tone) {
   return ms_closeSession(tone) < 0 ? -1 : 0;
 }
 
+int QS_MediaInterface::dropMsAudPlaybackSession() {
+  return ms_dropAudPlayback(session);
+}
+
 }  // namespace qs_ns

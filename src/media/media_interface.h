@@ -28,6 +28,7 @@ class QS_MediaInterface final : public QS_MediaInterfaceBase {
   int getVolume() override;
   int startMsTone(int tone) override;
   int stopMsTone(int tone) override;
+  int dropMsAudPlaybackSession() override;
 
  private:
   static constexpr std::int32_t kInitialVolume = 512;

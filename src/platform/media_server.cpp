@@ -203,6 +203,11 @@ int ms_closeAudPlayback(int handle) {
   return line ? line->close(handle) : -EINVAL;
 }
 
+int ms_dropAudPlayback(int handle) {
+  const std::shared_ptr<Line> line = server().line();
+  return line ? line->drop(handle) : -EINVAL;
+}
+
 int ms_setOutputAudioPath(int, int) {
   // There is one path here.
   return 0;

@@ -18,6 +18,9 @@ int ms_openAudPlayback(int stream);
 int ms_sendDataToAudPlayback(int handle, const void* data, unsigned int bytes);
 /// Lets what waits be heard to its end, then ends the stream.
 int ms_closeAudPlayback(int handle);
+/// Lets the stream be silent at once: what waits is dropped but for 5 ms, which fade out, and what
+/// is sent from now on is taken and not heard. Never blocks, also while another thread sends.
+int ms_dropAudPlayback(int handle);
 int ms_setOutputAudioPath(int device, int path);
 
 /// Tones exclude a playback stream, and the reverse. `ms_startTone` takes 0 to 34; the tone sounds

@@ -8,6 +8,7 @@
 
 #include "core/interfaces/cache_thread_base.h"
 #include "core/interfaces/controller_base.h"
+#include "core/interfaces/media_interface_base.h"
 #include "tts/speech_engine.h"
 
 namespace qs_ns {
@@ -73,6 +74,8 @@ int QS_StreamTTSThread::stopThread() {
     if (writer != nullptr) writer->stop();
     stopped = true;
   }
+  // What waits in the device would go on for longer than all the rest of a stop takes.
+  controller->getMediaIF()->dropMsAudPlaybackSession();
   queue.wake();
   return 0;
 }

@@ -174,6 +174,9 @@ int ms_stop() { return 0; }
 int ms_openAudPlayback(int) { return ++server.opens <= server.fault.opensFail ? 0 : 7; }
 int ms_sendDataToAudPlayback(int, const void*, unsigned int bytes) { return server.write(bytes); }
 int ms_closeAudPlayback(int) { return 0; }
+int ms_dropAudPlayback(int) {
+  return 0;
+}
 int ms_setOutputAudioPath(int, int) { return 0; }
 int ms_createToneSession(int) { return -1; }
 int ms_realizeSession(int) { return -1; }

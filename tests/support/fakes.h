@@ -35,6 +35,7 @@ class FakeMedia final : public qs_ns::QS_MediaInterfaceBase {
     return all;
   }
   Tally frameCount;
+  Tally drops;
 
   int cleanupMSInterface() override { return 0; }
   bool initializeMSInterface() override { return true; }
@@ -61,6 +62,10 @@ class FakeMedia final : public qs_ns::QS_MediaInterfaceBase {
   int getVolume() override { return volume; }
   int startMsTone(int) override { return -1; }
   int stopMsTone(int) override { return -1; }
+  int dropMsAudPlaybackSession() override {
+    drops.add();
+    return 0;
+  }
 
  private:
   std::atomic<int> session{0};

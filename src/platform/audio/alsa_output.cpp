@@ -13,7 +13,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr snd_pcm_uframes_t kBufferFrames = 3840;  // 80 ms
+constexpr snd_pcm_uframes_t kBufferFrames = kMostDepthFrames;
 // 5 ms. With longer periods a sound server takes the sound in larger bites, and adds to the delay.
 constexpr snd_pcm_uframes_t kPeriodFrames = 240;
 // 120 ms. A sound server takes some sound at once into buffers of its own; a PCM that goes on
@@ -23,8 +23,28 @@ constexpr std::size_t kMostAheadFrames = 5760;
 // that the thread comes back wherever ALSA itself does not block.
 constexpr milliseconds kStallLimit{800};
 constexpr milliseconds kShortestSleep{1};
+// 5 ms, over which dropped sound fades out.
+constexpr std::size_t kFadeFrames = 240;
+
+void fadeOut(std::int16_t* samples, std::size_t frames) {
+  for (std::size_t i = 0; i < frames; ++i)
+    samples[i] = static_cast<std::int16_t>(samples[i] * static_cast<int>(frames - i) /
+                                           static_cast<int>(frames));
+}
 
 }  // namespace
+
+void AlsaOutput::Trail::add(const std::int16_t* samples, std::size_t frames) {
+  for (std::size_t i = 0; i < frames; ++i) {
+    ring[end] = samples[i];
+    end = (end + 1) % ring.size();
+  }
+}
+
+void AlsaOutput::Trail::copy(std::size_t ago, std::size_t frames, std::int16_t* to) const {
+  for (std::size_t i = 0; i < frames; ++i)
+    to[i] = ring[(end + ring.size() - ago + i) % ring.size()];
+}
 
 AlsaOutput::AlsaOutput(std::string pcmName) : name(std::move(pcmName)) {}
 
@@ -34,6 +54,24 @@ AlsaOutput::~AlsaOutput() {
 
 int AlsaOutput::open(std::string& why) {
   collectAlsaErrors();
+  int status = resume();
+  if (status < 0) status = openAnew(why);
+  failed = started = dropped = false;
+  dropAsked = false;
+  pacer.restart();
+  return status;
+}
+
+/// 0 where the PCM of the stream before goes on; a negative status where there is none, or where
+/// its device has gone meanwhile.
+int AlsaOutput::resume() {
+  if (!pcm) return -ENODEV;
+  const int status = snd_pcm_state(pcm.get()) == SND_PCM_STATE_RUNNING ? waitingFrames()
+                                                                       : snd_pcm_prepare(pcm.get());
+  return std::min(status, 0);
+}
+
+int AlsaOutput::openAnew(std::string& why) {
   int status = openPcm(name);
   if (status >= 0) status = configure();
   if (status < 0 && pcm) {
@@ -45,8 +83,6 @@ int AlsaOutput::open(std::string& why) {
     why = describeAlsaError(status);
     pcm.reset();
   }
-  failed = false;
-  pacer.restart();
   return status;
 }
 
@@ -82,8 +118,7 @@ int AlsaOutput::configureHardware() {
   if (status >= 0) status = snd_pcm_hw_params(p, wanted);
   if (status >= 0) status = snd_pcm_get_params(p, &buffer, &period);
   bufferFrames = buffer;
-  // A device with periods above 10 ms starves on less than two of them.
-  depthFrames = std::min<std::size_t>(std::max<std::size_t>(kDepthFrames, 2 * period), buffer);
+  depth.setDevice(period, buffer);
   return std::min(status, 0);
 }
 
@@ -92,7 +127,7 @@ int AlsaOutput::configureStart() {
   snd_pcm_sw_params_alloca(&wanted);
   // No more than half the depth: a caller that has to wait for room must wait for a device that
   // runs.
-  const snd_pcm_uframes_t startAt = std::min<std::size_t>(kStepFrames, depthFrames / 2);
+  const snd_pcm_uframes_t startAt = std::min(kStepFrames, depth.frames() / 2);
   int status = snd_pcm_sw_params_current(pcm.get(), wanted);
   if (status >= 0) status = snd_pcm_sw_params_set_start_threshold(pcm.get(), wanted, startAt);
   if (status >= 0) status = snd_pcm_sw_params(pcm.get(), wanted);
@@ -100,31 +135,37 @@ int AlsaOutput::configureStart() {
 }
 
 int AlsaOutput::write(const std::int16_t* samples, std::size_t frames) {
-  const MonotonicTime deadline = clock().now() + kStallLimit;
-  while (frames > 0) {
-    const std::size_t piece = std::min(frames, std::max<std::size_t>(depthFrames / 2, 1));
-    const int taken = writePiece(samples, piece, deadline);
+  const MonotonicTime now = clock().now();
+  if (started) depth.noteSound(now, pacer.endOfSound());
+  started = true;
+  while (frames > 0 && !dropAsked) {
+    const std::size_t piece = std::min(frames, std::max<std::size_t>(depth.frames() / 2, 1));
+    const int taken = writePiece(samples, piece, now + kStallLimit);
     if (taken < 0) {
       failed = true;
       return taken;
     }
+    trail.add(samples, static_cast<std::size_t>(taken));
     samples += taken;
     frames -= static_cast<std::size_t>(taken);
   }
+  finishDrop();
   return 0;
 }
 
-/// The frames taken, or the negative status of a device that cannot be recovered. An underrun
-/// costs a gap but no sample: what was not taken is written again.
+/// The frames taken, 0 where the stream is dropped, or the negative status of a device that cannot
+/// be recovered. An underrun costs a gap but no sample: what was not taken is written again.
 int AlsaOutput::writePiece(const std::int16_t* samples, std::size_t frames,
                            MonotonicTime deadline) {
   for (;;) {
     if (const int status = waitForRoom(frames, deadline); status < 0) return status;
+    if (dropAsked) return 0;
     const auto taken = static_cast<int>(snd_pcm_writei(pcm.get(), samples, frames));
     if (taken > 0) {
       pacer.add(static_cast<std::size_t>(taken));
       return taken;
     }
+    if (taken == -EPIPE) depth.noteUnderrun(clock().now());
     if (taken < 0) {
       if (const int status = snd_pcm_recover(pcm.get(), taken, 1); status < 0) return status;
     }
@@ -134,22 +175,30 @@ int AlsaOutput::writePiece(const std::int16_t* samples, std::size_t frames,
 
 int AlsaOutput::waitForRoom(std::size_t frames, MonotonicTime deadline) {
   bool waited = false;
-  for (;;) {
+  while (!dropAsked) {
     const int waiting = waitingFrames();
     if (waiting < 0) return waiting;
     const auto inDevice = static_cast<std::size_t>(waiting);
-    if (inDevice + frames <= depthFrames) {
+    if (inDevice + frames <= depth.frames()) {
       // A device that makes us wait has a clock, which need not agree with ours.
       if (waited) pacer.setWaiting(inDevice);
       break;
     }
     if (clock().now() >= deadline) return -EIO;
-    const auto tooMany = static_cast<std::int64_t>(inDevice + frames - depthFrames);
-    clock().sleepFor(std::max<std::chrono::nanoseconds>(durationOf(tooMany), kShortestSleep));
+    const auto tooMany = static_cast<std::int64_t>(inDevice + frames - depth.frames());
+    pause(std::max<std::chrono::nanoseconds>(durationOf(tooMany), kShortestSleep));
     waited = true;
   }
-  pacer.waitForRoom(frames, kMostAheadFrames);
+  if (!dropAsked) pacer.waitForRoom(frames, kMostAheadFrames);
   return 0;
+}
+
+/// Sleeps, but for no longer than until the stream is dropped.
+void AlsaOutput::pause(std::chrono::nanoseconds duration) {
+  const MonotonicTime end = clock().now() + duration;
+  const MutexLock lock(dropMutex);
+  while (!dropAsked && clock().waitUntil(dropWanted, dropMutex, end)) {
+  }
 }
 
 /// How much sound waits in the PCM's buffer, or the negative status of a lost device.
@@ -160,10 +209,79 @@ int AlsaOutput::waitingFrames() {
 }
 
 int AlsaOutput::close() {
-  const int status = failed ? snd_pcm_drop(pcm.get()) : snd_pcm_drain(pcm.get());
-  if (!failed && status >= 0) pacer.drain();
-  pcm.reset();
+  if (!pcm) return 0;
+  finishDrop();
+  const int status = failed ? -EIO : waitUntilHeard();
+  // Nothing of it is good for another stream.
+  if (status < 0) {
+    snd_pcm_drop(pcm.get());
+    pcm.reset();
+  }
   return status;
+}
+
+// Not by a drain: a sound server takes 100 ms and more for it, since it waits for its own buffers
+// too, which are heard in any case.
+int AlsaOutput::waitUntilHeard() {
+  // Too short to have started by itself.
+  if (snd_pcm_state(pcm.get()) == SND_PCM_STATE_PREPARED && waitingFrames() > 0)
+    snd_pcm_start(pcm.get());
+  const MonotonicTime deadline = clock().now() + kStallLimit;
+  for (int waiting = waitingFrames(); waiting != 0; waiting = waitingFrames()) {
+    if (waiting < 0) return waiting;
+    if (clock().now() >= deadline) return -EIO;
+    clock().sleepFor(std::max<std::chrono::nanoseconds>(durationOf(waiting), kShortestSleep));
+  }
+  pacer.drain();
+  return 0;
+}
+
+void AlsaOutput::drop() {
+  {
+    const MutexLock lock(dropMutex);
+    dropAsked = true;
+  }
+  dropWanted.notifyAll();
+}
+
+void AlsaOutput::finishDrop() {
+  if (!dropAsked || dropped || failed || !pcm) return;
+  dropped = true;
+  const std::size_t waiting = awaitNextBite();
+  const std::size_t faded = std::min(waiting, kFadeFrames);
+  if (faded == 0) return;
+  std::array<std::int16_t, kFadeFrames> fade;
+  trail.copy(waiting, faded, fade.data());
+  fadeOut(fade.data(), faded);
+  int status = snd_pcm_drop(pcm.get());
+  if (status >= 0) status = snd_pcm_prepare(pcm.get());
+  if (status >= 0) status = static_cast<int>(snd_pcm_writei(pcm.get(), fade.data(), faded));
+  if (status >= 0) status = snd_pcm_start(pcm.get());
+  failed = status < 0;
+  pacer.setWaiting(faded);
+}
+
+/// How much waits, as of a moment at which the device has just taken some of it: what is put in the
+/// place of the rest then continues what was heard. A sound server takes bites of 5 ms.
+std::size_t AlsaOutput::awaitNextBite() {
+  constexpr milliseconds kBite{6};
+  constexpr std::chrono::microseconds kLook{500};
+  const MonotonicTime deadline = clock().now() + kBite;
+  const int before = waitingFrames();
+  int waiting = before;
+  while (waiting == before && waiting > 0 && clock().now() < deadline) {
+    clock().sleepFor(kLook);
+    waiting = waitingFrames();
+  }
+  return static_cast<std::size_t>(std::max(waiting, 0));
+}
+
+void AlsaOutput::rest() {
+  if (pcm) snd_pcm_drop(pcm.get());
+}
+
+void AlsaOutput::release() {
+  pcm.reset();
 }
 
 }  // namespace platform::audio

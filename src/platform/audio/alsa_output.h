@@ -1,20 +1,26 @@
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <memory>
 
 #include <alsa/asoundlib.h>
 
 #include "platform/audio/output.h"
 #include "platform/audio/pacer.h"
+#include "platform/audio/sound_depth.h"
+#include "platform/condition.h"
+#include "platform/mutex.h"
 
 namespace platform::audio {
 
 /// An ALSA PCM. Its calls may block without limit where a sound server hangs, so it is used behind
 /// `GuardedOutput` only. Destroyed with a stream open, it drops what waits.
 ///
-/// Of the PCM's buffer, 80 ms where it is granted, no more than kDepthFrames are filled; the rest
-/// is room that the device does not need.
-class AlsaOutput final : public Output {
+/// Of the PCM's buffer, 80 ms where it is granted, no more than the depth is filled; the rest is
+/// room for a depth that grows. Between streams the PCM runs on until `rest`, so that a stream that
+/// follows soon goes on in it and none waits for a sound server's own buffers to drain.
+class AlsaOutput final : public Device {
  public:
   explicit AlsaOutput(std::string pcmName);
   ~AlsaOutput() override;
@@ -22,26 +28,53 @@ class AlsaOutput final : public Output {
   int open(std::string& why) override;
   int write(const std::int16_t* samples, std::size_t frames) override;
   int close() override;
+  void drop() override;
+  void finishDrop() override;
+  void rest() override;
+  void release() override;
 
  private:
   struct PcmCloser {
     void operator()(snd_pcm_t* handle) const { snd_pcm_close(handle); }
   };
+  /// What was written last, to be faded out when it is dropped.
+  class Trail {
+   public:
+    void add(const std::int16_t* samples, std::size_t frames);
+    /// Copies `frames` from `ago` frames before the end.
+    void copy(std::size_t ago, std::size_t frames, std::int16_t* to) const;
 
+   private:
+    std::array<std::int16_t, kMostDepthFrames> ring{};
+    std::size_t end = 0;
+  };
+
+  int resume();
+  int openAnew(std::string& why);
   int openPcm(const std::string& pcmName);
   int configure();
   int configureHardware();
   int configureStart();
   int writePiece(const std::int16_t* samples, std::size_t frames, MonotonicTime deadline);
   int waitForRoom(std::size_t frames, MonotonicTime deadline);
+  int waitUntilHeard();
   int waitingFrames();
+  std::size_t awaitNextBite();
+  void pause(std::chrono::nanoseconds duration);
 
   const std::string name;
   std::unique_ptr<snd_pcm_t, PcmCloser> pcm;
   std::size_t bufferFrames = 0;
-  std::size_t depthFrames = 0;
-  bool failed = false;  // has a write failed, so that nothing is left to be heard?
-  Pacer pacer;          // how far the sound taken is ahead of real time
+  SoundDepth depth;
+  bool failed = false;   // has a write failed, so that nothing is left to be heard?
+  bool started = false;  // was anything written to the stream?
+  bool dropped = false;  // was done what `drop` asked for?
+  Pacer pacer;           // how far the sound taken is ahead of real time
+  Trail trail;
+
+  Mutex dropMutex{true};
+  Condition dropWanted;
+  std::atomic<bool> dropAsked{false};  // set with `dropMutex` held
 };
 
 }  // namespace platform::audio

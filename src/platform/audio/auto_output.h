@@ -22,6 +22,8 @@ class AutoOutput final : public Output {
   int open(std::string& why) override;
   int write(const std::int16_t* samples, std::size_t frames) override;
   int close() override;
+  /// Not during `open`.
+  void drop() override { current->drop(); }
 
  private:
   bool deviceOpens();

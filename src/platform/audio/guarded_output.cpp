@@ -14,44 +14,61 @@ namespace platform::audio {
 /// Both hold it, so that it lives until the later of them has gone.
 class GuardedOutput::Desk {
  public:
-  Desk(std::unique_ptr<Output> streamDevice, std::shared_ptr<std::atomic<int>> stuck)
-      : stuckThreads(std::move(stuck)), device(std::move(streamDevice)) {}
+  Desk(std::unique_ptr<Device> guarded, std::shared_ptr<std::atomic<int>> stuck)
+      : stuckThreads(std::move(stuck)), device(std::move(guarded)) {}
 
   /// Starts the device thread, whose first act is to open the device: 0, or the negative errno
   /// value.
   static int startThread(std::shared_ptr<Desk> desk);
 
-  // The caller's side: an order, and the wait for its answer (for the opening: the wait alone).
+  // The caller's side: an order, and the wait for its answer (for the first opening: the wait
+  // alone).
+  /// False where the thread has gone.
+  bool orderOpen();
   void orderWrite(const std::int16_t* samples, std::size_t frames);
-  void orderClose();
+  void orderClose() { leaveOrder(Order::close); }
+  void orderEnd() { leaveOrder(Order::end); }
   /// The device's status. -ETIMEDOUT after kPatience, and at once ever after: the thread is left
   /// behind then.
   int awaitAnswer(std::string* why = nullptr);
 
+  /// Any thread while a stream is open.
+  void drop();
+
  private:
-  enum class Order { none, write, close };
+  enum class Order { none, open, write, close, drop, rest, release, end };
   struct Step {
     std::array<std::int16_t, kStepFrames> samples;
     std::size_t frames;
   };
 
+  void leaveOrder(Order left);
   void serve();
+  bool carryOut(Order order, const Step& received);
   Order awaitOrder(Step& received);
+  bool waitForOrder(MonotonicTime deadline) REQUIRES(mutex);
   bool answer(int result, std::string text = {});
+  bool endUnlessOrdered();
   void leave(int result);
   void post(int result) REQUIRES(mutex);
 
   const std::shared_ptr<std::atomic<int>> stuckThreads;
-  std::unique_ptr<Output> device;  // the device thread's alone
+  std::unique_ptr<Device> device;  // the device thread's alone, but for `drop`
+  bool streaming = true;           // device thread: between open and close?
+  bool resting = false;            // device thread: was the device stopped since?
+  MonotonicTime closedAt{};        // device thread
+  int lastResult = 0;              // device thread: of the last opening
 
   Mutex mutex{true};
   Condition changed;
-  Order order GUARDED_BY(mutex) = Order::none;
+  Order order GUARDED_BY(mutex) = Order::open;
   Step step GUARDED_BY(mutex){};
+  bool dropAsked GUARDED_BY(mutex) = false;
   bool answered GUARDED_BY(mutex) = false;
   int status GUARDED_BY(mutex) = 0;
   std::string reason GUARDED_BY(mutex);
   bool abandoned GUARDED_BY(mutex) = false;
+  bool gone GUARDED_BY(mutex) = false;  // takes the thread no more orders?
 };
 
 int GuardedOutput::Desk::startThread(std::shared_ptr<Desk> desk) {
@@ -59,29 +76,69 @@ int GuardedOutput::Desk::startThread(std::shared_ptr<Desk> desk) {
 }
 
 void GuardedOutput::Desk::serve() {
-  std::string why;
-  int result = device->open(why);
-  bool streaming = answer(result, std::move(why)) && result >= 0;
   Step received{};
-  while (streaming) {
-    if (awaitOrder(received) == Order::write) {
-      streaming = answer(device->write(received.samples.data(), received.frames));
-    } else {
-      result = device->close();
-      streaming = false;
-    }
+  while (carryOut(awaitOrder(received), received)) {
   }
   // This may block as well, so it comes before the caller hears of the end.
   device.reset();
-  leave(result);
+  leave(lastResult);
 }
 
+/// False where the thread has nothing more to do.
+bool GuardedOutput::Desk::carryOut(Order ordered, const Step& received) {
+  switch (ordered) {
+    case Order::open: {
+      std::string why;
+      lastResult = device->open(why);
+      streaming = lastResult >= 0;
+      return answer(lastResult, std::move(why)) && streaming;
+    }
+    case Order::write:
+      return answer(device->write(received.samples.data(), received.frames));
+    case Order::close: {
+      const int result = device->close();
+      streaming = resting = false;
+      closedAt = clock().now();
+      return answer(result);
+    }
+    case Order::drop:
+      device->finishDrop();
+      return true;
+    case Order::rest:
+      device->rest();
+      resting = true;
+      return true;
+    case Order::release:
+      device->release();
+      return !endUnlessOrdered();
+    case Order::none:
+    case Order::end:
+      break;
+  }
+  return false;
+}
+
+/// Between streams what is due to the device by then counts as an order too.
 GuardedOutput::Desk::Order GuardedOutput::Desk::awaitOrder(Step& received) {
   const MutexLock lock(mutex);
-  while (order == Order::none)
-    changed.wait(mutex);
-  received = step;
+  while (order == Order::none && !dropAsked) {
+    if (streaming) {
+      changed.wait(mutex);
+    } else if (!waitForOrder(closedAt +
+                             (resting ? std::chrono::milliseconds(kReleaseAfter) : kRestAfter))) {
+      return resting ? Order::release : Order::rest;
+    }
+  }
+  if (order == Order::none) {
+    dropAsked = false;
+    return Order::drop;
+  }
+  if (order == Order::write) received = step;
   return std::exchange(order, Order::none);
+}
+
+bool GuardedOutput::Desk::waitForOrder(MonotonicTime deadline) {
+  return clock().waitUntil(changed, mutex, deadline) || order != Order::none;
 }
 
 /// False where nobody waits for the answer any more.
@@ -98,9 +155,17 @@ bool GuardedOutput::Desk::answer(int result, std::string text) {
   return awaited;
 }
 
+/// An order that came while the device was given back is carried out.
+bool GuardedOutput::Desk::endUnlessOrdered() {
+  const MutexLock lock(mutex);
+  gone = order == Order::none;
+  return gone;
+}
+
 void GuardedOutput::Desk::leave(int result) {
   {
     const MutexLock lock(mutex);
+    gone = true;
     post(result);
     if (abandoned) --*stuckThreads;
   }
@@ -110,6 +175,17 @@ void GuardedOutput::Desk::leave(int result) {
 void GuardedOutput::Desk::post(int result) {
   status = result;
   answered = true;
+}
+
+bool GuardedOutput::Desk::orderOpen() {
+  {
+    const MutexLock lock(mutex);
+    if (gone) return false;
+    order = Order::open;
+    dropAsked = false;
+  }
+  changed.notifyAll();
+  return true;
 }
 
 void GuardedOutput::Desk::orderWrite(const std::int16_t* samples, std::size_t frames) {
@@ -122,11 +198,20 @@ void GuardedOutput::Desk::orderWrite(const std::int16_t* samples, std::size_t fr
   changed.notifyAll();
 }
 
-void GuardedOutput::Desk::orderClose() {
+void GuardedOutput::Desk::leaveOrder(Order left) {
   {
     const MutexLock lock(mutex);
-    order = Order::close;
+    order = left;
   }
+  changed.notifyAll();
+}
+
+// With the lock held, so that the device is there: a thread that is left behind takes it along.
+void GuardedOutput::Desk::drop() {
+  const MutexLock lock(mutex);
+  if (abandoned || gone) return;
+  device->drop();
+  dropAsked = true;
   changed.notifyAll();
 }
 
@@ -148,7 +233,10 @@ GuardedOutput::GuardedOutput(DeviceFactory makeDevice)
     : factory(std::move(makeDevice)), stuckThreads(std::make_shared<std::atomic<int>>(0)) {}
 
 GuardedOutput::~GuardedOutput() {
-  close();
+  if (streaming) close();
+  if (!desk) return;
+  desk->orderEnd();
+  desk->awaitAnswer();
 }
 
 bool GuardedOutput::mayTry() const {
@@ -159,10 +247,18 @@ bool GuardedOutput::mayTry() const {
 int GuardedOutput::open(std::string& why) {
   int status = -ETIMEDOUT;
   if (mayTry()) {
-    status = openOnFreshThread(why);
+    status = openDevice(why);
     nextTry = clock().now() + (status < 0 ? kRetryInterval : std::chrono::seconds(0));
   }
   if (status == -ETIMEDOUT) why = "the device does not answer";
+  streaming = status >= 0;
+  return status;
+}
+
+int GuardedOutput::openDevice(std::string& why) {
+  if (!desk || !desk->orderOpen()) return openOnFreshThread(why);
+  const int status = desk->awaitAnswer(&why);
+  if (status < 0) desk.reset();
   return status;
 }
 
@@ -174,22 +270,28 @@ int GuardedOutput::openOnFreshThread(std::string& why) {
     return status;
   }
   status = fresh->awaitAnswer(&why);
-  if (status >= 0) desk = std::move(fresh);
+  desk = status >= 0 ? std::move(fresh) : nullptr;
   return status;
 }
 
 int GuardedOutput::write(const std::int16_t* samples, std::size_t frames) {
-  if (!desk) return -EBADF;
+  if (!streaming) return -EBADF;
   desk->orderWrite(samples, frames);
   return desk->awaitAnswer();
 }
 
 int GuardedOutput::close() {
-  if (!desk) return 0;
+  if (!streaming) return 0;
+  streaming = false;
   desk->orderClose();
   const int status = desk->awaitAnswer();
-  desk.reset();
+  // A thread that does not answer is left behind.
+  if (status == -ETIMEDOUT) desk.reset();
   return status;
+}
+
+void GuardedOutput::drop() {
+  if (desk) desk->drop();
 }
 
 }  // namespace platform::audio

@@ -95,6 +95,14 @@ int Line::close(int handle) {
   return result;
 }
 
+// With the lock held, so that no open or close of the output runs beside it.
+int Line::drop(int handle) {
+  const MutexLock lock(mutex);
+  if (handle != current || handle == 0) return -EBADF;
+  output->drop();
+  return 0;
+}
+
 void Line::closeAny() {
   int handle = 0;
   {

@@ -10,7 +10,8 @@
 namespace platform::audio {
 
 /// The one line to an output. One stream at a time has it, speech or a tone; a second is refused.
-/// Any thread may call; the lock is never held while the output is called. A stream whose output
+/// Any thread may call; the lock is never held while the output is called, but to ask it to drop
+/// what waits. A stream whose output
 /// failed is dead: its writes fail at once until it is closed.
 class Line {
  public:
@@ -24,6 +25,9 @@ class Line {
   int write(int handle, const std::int16_t* samples, std::size_t frames);
   /// Ends the stream when all of it was heard. A write under way on another thread ends early.
   int close(int handle);
+  /// Lets the stream be silent at once, as `Output::drop` says. Never blocks, so callers may hold
+  /// locks. 0, or -EBADF.
+  int drop(int handle);
   /// Ends whatever stream there is.
   void closeAny();
 

@@ -22,10 +22,10 @@ class Pacer {
   void add(std::size_t frames);
   /// Blocks until all was heard.
   void drain() { waitForRoom(0, 0); }
-
- private:
+  /// When all that was added will have been heard.
   MonotonicTime endOfSound() const;
 
+ private:
   // Counted from the beginning of unbroken sound, so that odd block sizes add up to no drift.
   MonotonicTime start{};
   std::int64_t framesSinceStart = 0;

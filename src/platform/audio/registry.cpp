@@ -8,6 +8,7 @@
 #include "platform/audio/auto_output.h"
 #include "platform/audio/guarded_output.h"
 #include "platform/audio/null_output.h"
+#include "platform/audio/silence_skipper.h"
 #include "platform/audio/wav_output.h"
 
 namespace platform::audio {
@@ -16,9 +17,12 @@ namespace {
 
 using OutputPointer = std::unique_ptr<Output>;
 
-OutputPointer makeAlsa(const std::string& argument, std::string&) {
-  const std::string pcm = argument.empty() ? "default" : argument;
+OutputPointer makeGuarded(const std::string& pcm) {
   return std::make_unique<GuardedOutput>([pcm] { return std::make_unique<AlsaOutput>(pcm); });
+}
+
+OutputPointer makeAlsa(const std::string& argument, std::string&) {
+  return std::make_unique<SilenceSkipper>(makeGuarded(argument.empty() ? "default" : argument));
 }
 
 OutputPointer makeWav(const std::string& path, std::string& why) {
@@ -32,7 +36,8 @@ OutputPointer makeNull(const std::string&, std::string&) {
 }
 
 OutputPointer makeAuto(const std::string&, std::string& why) {
-  return std::make_unique<AutoOutput>("alsa:default", makeAlsa("default", why), makeNull({}, why));
+  return std::make_unique<SilenceSkipper>(
+      std::make_unique<AutoOutput>("alsa:default", makeGuarded("default"), makeNull({}, why)));
 }
 
 struct Kind {

@@ -20,22 +20,22 @@ namespace {
 
 using namespace std::chrono_literals;
 using platform::audio::AutoOutput;
+using platform::audio::Device;
 using platform::audio::GuardedOutput;
 using platform::audio::Line;
-using platform::audio::Output;
 
-enum Call : std::size_t { kOpen, kWrite, kClose, kEnd };
+enum Call : std::size_t { kOpen, kWrite, kClose, kDrop, kRest, kRelease, kEnd, kCalls };
 
 /// What a test tells all devices, and what they tell it.
 struct Script {
   std::optional<Call> stuckIn;  // of the devices made from now on
-  std::array<std::atomic<int>, 4> statuses{};
-  std::array<std::atomic<int>, 4> calls{};
+  std::array<std::atomic<int>, kCalls> statuses{};
+  std::array<std::atomic<int>, kCalls> calls{};
   test::Gate gate;   // holds the calls of `stuckIn`
   test::Tally gone;  // devices destroyed
 };
 
-class ScriptedDevice final : public Output {
+class ScriptedDevice final : public Device {
  public:
   explicit ScriptedDevice(std::shared_ptr<Script> toFollow) : script(std::move(toFollow)) {}
   ~ScriptedDevice() override {
@@ -49,6 +49,9 @@ class ScriptedDevice final : public Output {
   }
   int write(const std::int16_t*, std::size_t) override { return follow(kWrite); }
   int close() override { return follow(kClose); }
+  void finishDrop() override { follow(kDrop); }
+  void rest() override { follow(kRest); }
+  void release() override { follow(kRelease); }
 
  private:
   int follow(Call call) {
@@ -64,6 +67,11 @@ class GuardedOutputTest : public testing::Test {
  protected:
   int open() { return guard->open(why); }
   int write() { return guard->write(&sample, 1); }
+
+  void awaitCall(Call call) const {
+    while (script->calls[call] == 0)
+      std::this_thread::yield();
+  }
 
   /// The status of a call that must come back only when a second has passed.
   template <typename Function>
@@ -84,7 +92,7 @@ class GuardedOutputTest : public testing::Test {
   const std::int16_t sample = 1;
 };
 
-TEST_F(GuardedOutputTest, HandsOnWhyADeviceDoesNotOpenAndMakesAFreshOneForEachStream) {
+TEST_F(GuardedOutputTest, HandsOnWhyADeviceDoesNotOpenAndKeepsOneThatDoesForFiveQuietSeconds) {
   script->statuses[kOpen] = -EBUSY;
   EXPECT_EQ(open(), -EBUSY);
   EXPECT_EQ(why, "as told");
@@ -92,7 +100,55 @@ TEST_F(GuardedOutputTest, HandsOnWhyADeviceDoesNotOpenAndMakesAFreshOneForEachSt
   script->statuses[kOpen] = 0;
   EXPECT_EQ(open(), 0) << "a failure that is no hang must not delay the next try";
   EXPECT_EQ(guard->close(), 0);
-  EXPECT_EQ(script->gone.value(), 2) << "the device outlived its stream";
+  EXPECT_EQ(clock.advanceToNextDeadline(), GuardedOutput::kRestAfter);
+  awaitCall(kRest);
+  EXPECT_EQ(clock.advanceToNextDeadline(), 4500ms);
+  script->gone.await(2);
+  EXPECT_EQ(script->calls[kRest], 1);
+  // A stream that is open has no end of its own.
+  for (int stream = 0; stream < 3; ++stream) {
+    EXPECT_EQ(open(), 0);
+    clock.advance(1h);
+    EXPECT_EQ(guard->close(), 0);
+    clock.advance(GuardedOutput::kRestAfter - 1ns);
+  }
+  EXPECT_EQ(devicesMade, 3);
+  EXPECT_EQ(script->calls[kRest], 1) << "the streams were too close to each other";
+  guard.reset();
+  EXPECT_EQ(script->gone.value(), 3);
+}
+
+TEST_F(GuardedOutputTest, OpensAgainADeviceThatIsJustBeingGivenBack) {
+  script->stuckIn = kRelease;
+  ASSERT_EQ(open(), 0);
+  EXPECT_EQ(guard->close(), 0);
+  clock.advance(GuardedOutput::kReleaseAfter);
+  script->gate.awaitArrival();
+  test::Background opened([&] { return open(); });
+  EXPECT_FALSE(opened.endsWithoutSleep());
+  script->gate.open();
+  EXPECT_EQ(opened.get(), 0);
+  EXPECT_EQ(write(), 0);
+  EXPECT_EQ(devicesMade, 1);
+}
+
+TEST_F(GuardedOutputTest, DropsWhatWaitsAlsoBetweenWritesButNotOfTheNextStream) {
+  script->stuckIn = kWrite;
+  ASSERT_EQ(open(), 0);
+  guard->drop();
+  awaitCall(kDrop);
+  EXPECT_EQ(guard->close(), 0);
+  EXPECT_EQ(open(), 0);
+  test::Background written([&] { return write(); });
+  script->gate.awaitArrival();
+  guard->drop();
+  script->gate.open();
+  EXPECT_EQ(written.get(), 0);
+  EXPECT_EQ(guard->close(), 0);
+  const int drops = script->calls[kDrop];
+  EXPECT_EQ(open(), 0);
+  EXPECT_EQ(write(), 0);
+  EXPECT_EQ(script->calls[kDrop], drops);
 }
 
 TEST_F(GuardedOutputTest, GivesUpACallAfterASecondAndTheStreamWithIt) {
@@ -103,11 +159,15 @@ TEST_F(GuardedOutputTest, GivesUpACallAfterASecondAndTheStreamWithIt) {
       EXPECT_EQ(afterASecond([this] { return write(); }), -ETIMEDOUT);
       EXPECT_EQ(write(), -ETIMEDOUT) << "must not wait again";
       EXPECT_EQ(guard->close(), -ETIMEDOUT) << "must not wait again";
-    } else {
+    } else if (call == kClose) {
       EXPECT_EQ(afterASecond([this] { return guard->close(); }), -ETIMEDOUT);
+    } else {
+      EXPECT_EQ(guard->close(), 0);
+      const test::Background destroyed([this] { guard.reset(); });
+      script->gate.awaitArrival(3);
+      EXPECT_EQ(clock.advanceToNextDeadline(), 1s);
     }
   }
-  guard.reset();
   script->gate.open();
   script->gone.await(3);
 }
@@ -133,7 +193,7 @@ TEST_F(GuardedOutputTest, TriesAStuckDeviceEveryFiveSecondsAndLeavesThreeThreads
   while (open() != 0)
     std::this_thread::yield();
   EXPECT_EQ(write(), 0);
-  EXPECT_EQ(guard->close(), 0);
+  guard.reset();
   script->gone.await(4);
 }
 

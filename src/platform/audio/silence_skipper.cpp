@@ -1,0 +1,93 @@
+#include "platform/audio/silence_skipper.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace platform::audio {
+
+namespace {
+
+// What is below is the rounding of the smallest volume, what is above is heard at any.
+constexpr double kLeastLevel = 6;
+constexpr double kMostLevel = 250;
+constexpr double kAboveNoise = 3;
+// Before, too little of the noise is known.
+constexpr std::size_t kNoiseFrames = 1920;  // 40 ms
+
+}  // namespace
+
+SilenceSkipper::SilenceSkipper(std::unique_ptr<Output> skippedTo) : output(std::move(skippedTo)) {}
+
+int SilenceSkipper::open(std::string& why) {
+  skipping = true;
+  taken = inBlock = keptFrames = 0;
+  energy = 0;
+  return output->open(why);
+}
+
+int SilenceSkipper::write(const std::int16_t* samples, std::size_t frames) {
+  while (skipping && frames > 0) {
+    const std::size_t used = fill(samples, frames);
+    samples += used;
+    frames -= used;
+    if (const int status = takeBlock(); status < 0) return status;
+  }
+  return frames == 0 ? 0 : output->write(samples, frames);
+}
+
+std::size_t SilenceSkipper::fill(const std::int16_t* samples, std::size_t frames) {
+  const std::size_t used = std::min(frames, kBlockFrames - inBlock);
+  std::copy_n(samples, used, block.begin() + static_cast<std::ptrdiff_t>(inBlock));
+  inBlock += used;
+  return used;
+}
+
+int SilenceSkipper::takeBlock() {
+  if (inBlock < kBlockFrames) return 0;
+  taken += kBlockFrames;
+  if (isQuiet() && taken < kMostFrames) {
+    keepBlock();
+    return 0;
+  }
+  return playKept();
+}
+
+bool SilenceSkipper::isQuiet() {
+  double sum = 0;
+  for (const double sample : block)
+    sum += sample * sample;
+  const std::size_t before = taken - kBlockFrames;
+  const double noise = before == 0 ? 0 : std::sqrt(energy / static_cast<double>(before));
+  const double limit =
+      before < kNoiseFrames ? kMostLevel : std::clamp(kAboveNoise * noise, kLeastLevel, kMostLevel);
+  energy += sum;
+  return std::sqrt(sum / kBlockFrames) < limit;
+}
+
+void SilenceSkipper::keepBlock() {
+  const auto dropped =
+      keptFrames + inBlock > kKeptFrames ? keptFrames + inBlock - kKeptFrames : std::size_t{0};
+  std::copy(kept.begin() + static_cast<std::ptrdiff_t>(dropped),
+            kept.begin() + static_cast<std::ptrdiff_t>(keptFrames), kept.begin());
+  keptFrames -= dropped;
+  std::copy_n(block.begin(), inBlock, kept.begin() + static_cast<std::ptrdiff_t>(keptFrames));
+  keptFrames += inBlock;
+  inBlock = 0;
+}
+
+int SilenceSkipper::playKept() {
+  skipping = false;
+  int status = keptFrames == 0 ? 0 : output->write(kept.data(), keptFrames);
+  if (status >= 0 && inBlock > 0) status = output->write(block.data(), inBlock);
+  inBlock = keptFrames = 0;
+  return status;
+}
+
+int SilenceSkipper::close() {
+  const int status = skipping ? playKept() : 0;
+  const int closed = output->close();
+  return status < 0 ? status : closed;
+}
+
+}  // namespace platform::audio
