@@ -9,8 +9,8 @@ namespace platform::audio {
 namespace {
 
 // What is below is the rounding of the smallest volume, what is above is heard at any.
-constexpr double kLeastLevel = 6;
-constexpr double kMostLevel = 250;
+constexpr double kLeastLevel = 4;
+constexpr double kMostLevel = 150;
 constexpr double kAboveNoise = 3;
 // Before, too little of the noise is known.
 constexpr std::size_t kNoiseFrames = 1920;  // 40 ms
@@ -46,7 +46,7 @@ std::size_t SilenceSkipper::fill(const std::int16_t* samples, std::size_t frames
 int SilenceSkipper::takeBlock() {
   if (inBlock < kBlockFrames) return 0;
   taken += kBlockFrames;
-  if (isQuiet() && taken < kMostFrames) {
+  if (isQuiet() && taken <= kMostFrames) {
     keepBlock();
     return 0;
   }

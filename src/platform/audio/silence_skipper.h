@@ -12,8 +12,8 @@ namespace platform::audio {
 /// first sound.
 ///
 /// Sound is what rises three times above the stream's own noise, in steps of 5 ms. The voice's
-/// noise is an RMS of 15 with steps of up to 36 at normal volume, five times that at the largest;
-/// its softest consonant ("thirty") begins at 46.
+/// noise is an RMS of 8 with steps of up to 18 at normal volume, five times that at the largest and
+/// a sixth at the smallest; its softest consonant ("thirty") begins at 23.
 class SilenceSkipper final : public Output {
  public:
   explicit SilenceSkipper(std::unique_ptr<Output> skippedTo);

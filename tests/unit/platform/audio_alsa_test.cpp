@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <map>
 #include <string>
@@ -131,6 +132,48 @@ TEST(PulseAudio, HearsExactlyWhatWasSentInTheTimeOfTheSoundAlsoWhereTheCallerPau
     // The device runs dry.
     recording.awaitSilence(4800);
   }
+}
+
+TEST(PulseAudio, IsSilentAtOnceAndWithoutAClickWhereItsSoundIsDropped) {
+  const test::ScratchFolder folder;
+  test::useSoundServer(folder);
+  const test::SoundServer server(folder);
+  test::SoundRecording recording;
+  setenv("QUILLSPEAK_AUDIO", "alsa:pulse", 1);
+  ms_start();
+  constexpr int kSteps = 30;
+  Samples tone(kSteps * kStepFrames);
+  for (std::size_t i = 0; i < tone.size(); ++i)
+    tone[i] = static_cast<std::int16_t>(8000 * std::sin(0.025 * static_cast<double>(i)));
+  constexpr int kLargestStep = 200;
+  int clicks = 0;
+  for (int round = 0; round < 8; ++round) {
+    const int handle = ms_openAudPlayback(2);
+    for (std::size_t step = 0; step < kSteps; ++step) {
+      // Somewhere in the time in which a step sounds.
+      if (step == kSteps / 2) {
+        const auto until = std::chrono::steady_clock::now() + round * 1300us;
+        while (std::chrono::steady_clock::now() < until) {
+        }
+        EXPECT_EQ(ms_dropAudPlayback(handle), 0);
+      }
+      ms_sendDataToAudPlayback(handle, &tone[step * kStepFrames], 2 * kStepFrames);
+    }
+    EXPECT_EQ(ms_closeAudPlayback(handle), 0);
+    int heard = 0;
+    int largest = 0;
+    int before = recording.take(1).at(0);
+    for (int silent = 0; silent < 2400; ++heard) {
+      const int sample = recording.next();
+      largest = std::max(largest, std::abs(sample - before));
+      silent = sample == 0 ? silent + 1 : 0;
+      before = sample;
+    }
+    EXPECT_LT(heard - 2400, kSteps / 2 * static_cast<int>(kStepFrames));
+    clicks += largest > kLargestStep ? 1 : 0;
+  }
+  // The server may take its next bite between our look and the drop.
+  EXPECT_LE(clicks, 2);
 }
 
 }  // namespace

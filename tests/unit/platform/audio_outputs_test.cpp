@@ -10,6 +10,7 @@
 
 #include "audio_samples.h"
 #include "platform/audio/null_output.h"
+#include "platform/audio/sound_depth.h"
 #include "platform/audio/tones.h"
 #include "platform/audio/wav_output.h"
 #include "support/file_size_limit.h"
@@ -46,6 +47,26 @@ Samples readWave(const std::string& path) {
                 "WAVEfmt \x10\0\0\0\1\0\1\0\x80\xBB\0\0\0\x77\1\0\2\0\x10\0data"s +
                 sizeField(bytes.size() - 44));
   return test::samplesFrom(bytes, 44);
+}
+
+TEST(SoundDepth, DoublesAtAnUnderrunUpToALimitAndShrinksAfterAMinuteWithoutOne) {
+  const struct {
+    std::chrono::nanoseconds late;  // after the sound before ran out
+    std::size_t frames;             // that may wait then
+  } kSounds[] = {{0ns, 960},    {-5ms, 960},  {101ms, 960}, {1ns, 1920},
+                 {100ms, 3840}, {50ms, 3840}, {-5ms, 3840}, {59s, 3840},
+                 {900ms, 3840}, {110ms, 960}, {10ms, 1920}};
+  platform::audio::SoundDepth depth;
+  depth.setDevice(240, 3840);
+  platform::MonotonicTime end{1h};
+  for (const auto& sound : kSounds) {
+    const platform::MonotonicTime now = end + sound.late;
+    depth.noteSound(now, end);
+    EXPECT_EQ(depth.frames(), sound.frames) << sound.late.count();
+    end = now;
+  }
+  depth.setDevice(1024, 1600);
+  EXPECT_EQ(depth.frames(), 1600U) << "two periods, but no more than there is room for";
 }
 
 TEST(NullOutput, LetsNoMoreWaitThanItsDepthAndCatchesNothingUpAfterAPause) {

@@ -188,6 +188,7 @@ TEST_F(Streaming, AStopLetsOneFadingFrameOutOfWhatIsQueuedAlready) {
   ASSERT_EQ(frames.size(), 3U);
   EXPECT_EQ(frames[2].front(), frames[1].back());
   EXPECT_EQ(frames[2].back(), 0);
+  EXPECT_EQ(controller.media.drops.value(), 1) << "what waits in the device must go too";
 }
 
 TEST_F(Streaming, AStopAfterTheResultWasDecidedChangesNothing) {
@@ -207,6 +208,7 @@ TEST_F(Streaming, AStopAfterTheResultWasDecidedChangesNothing) {
   stop.get();
   run.get();
   EXPECT_EQ(destroy(), std::vector<int>{0});
+  EXPECT_EQ(controller.media.drops.value(), 0) << "the end of it is still to be heard";
 }
 
 // The writer stays in its first frame while texts of ten seconds each come from the cache.
