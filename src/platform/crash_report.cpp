@@ -67,10 +67,6 @@ constexpr int kMostGuesses = 32;
 
 void ignoreError(void*, const char*, int) {}
 
-int ignoreSource(void*, std::uintptr_t, const char*, int, const char*) {
-  return 0;
-}
-
 }  // namespace
 
 struct CrashReport::Line {
@@ -81,11 +77,7 @@ struct CrashReport::Line {
 
 bool CrashReport::prepare() {
   state = backtrace_create_state(nullptr, 0, ignoreError, nullptr);
-  if (state == nullptr) return false;
-  // Looking one address up makes it read what belongs to all.
-  const auto here = reinterpret_cast<std::uintptr_t>(&ignoreSource);
-  backtrace_pcinfo(state, here, ignoreSource, ignoreError, nullptr);
-  return true;
+  return state != nullptr;
 }
 
 void CrashReport::describe(int signal, const siginfo_t& info, const void* context) {
@@ -97,6 +89,7 @@ void CrashReport::describe(int signal, const siginfo_t& info, const void* contex
   // After a jump to nowhere the unwinder would look for instructions there.
   if (!known || isCode(interrupted.address)) captureFrames();
   if (known) dropHandlersFrames(interrupted.address);
+  addPlaces();
   bool reachedProgram = false;
   for (std::size_t index = 0; index < frames.count; ++index) {
     char mark[24];
@@ -142,6 +135,22 @@ void CrashReport::captureFrames() {
     return found.count == found.addresses.size() ? 1 : 0;
   };
   backtrace_simple(state, 0, store, ignoreError, &frames);
+}
+
+// All in one line before any of them has a name: the names take their time, the first one that of
+// reading all debug information. addr2line knows these numbers.
+void CrashReport::addPlaces() {
+  constexpr std::size_t kMost = 16;
+  std::array<char, kMost * 2 * (sizeof(std::uintptr_t) + 1) + 1> places{};
+  std::size_t length = 0;
+  for (std::size_t index = 0; index < std::min(frames.count, kMost); ++index) {
+    if (!isInProgram(frames.addresses[index])) continue;
+    const auto place = static_cast<std::size_t>(
+        frames.addresses[index] - reinterpret_cast<std::uintptr_t>(&__executable_start));
+    length += static_cast<std::size_t>(
+        std::snprintf(places.data() + length, places.size() - length, " %zx", place));
+  }
+  if (length != 0) add("crash: places in the program:%s", places.data());
 }
 
 // The unwinder starts at the handler's own frames, which say nothing: the stack begins where the

@@ -18,8 +18,8 @@ namespace platform {
 /// c++filt reads them.)
 class CrashReport {
  public:
-  /// Reads the debug information now, so that little is left to do in the crash. False where the
-  /// program cannot be read. Once, before any of the others.
+  /// Once, before any of the others. False where it cannot be done. Debug information is not read
+  /// before the crash: it would stay in memory, 20 MB of it.
   bool prepare();
 
   /// Writes the lines, for the arguments of the signal handler that calls it, on the crashed
@@ -47,6 +47,7 @@ class CrashReport {
 
   void describeSignal(int signal, const siginfo_t& info);
   void captureFrames();
+  void addPlaces();
   void dropHandlersFrames(std::uintptr_t interrupted);
   void describeFrame(const char* mark, std::uintptr_t address);
   void describeWithoutSource(const char* mark, std::uintptr_t address);

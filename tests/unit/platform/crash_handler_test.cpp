@@ -59,8 +59,9 @@ TEST(CrashHandler, LogsTheStackAndDiesOfTheFirstSignalInTime) {
     EXPECT_EQ(WTERMSIG(status), crash.signal);
     if (crash.firstLine == nullptr) continue;
     const std::string lines = test::readFile(folder / "log");
-    for (const std::string& part : {std::string("LOG_CRIT crash: ") + crash.firstLine,
-                                    std::string(crash.part), std::string("crash_subject.cpp:")})
+    for (const std::string& part :
+         {std::string("LOG_CRIT crash: ") + crash.firstLine, std::string(crash.part),
+          std::string("crash_subject.cpp:"), std::string("crash: places in the program: ")})
       EXPECT_NE(lines.find(part), std::string::npos) << part << " in\n" << lines;
     EXPECT_EQ(lines.find("onCrash"), std::string::npos) << lines;
   }
