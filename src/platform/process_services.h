@@ -31,8 +31,7 @@ int restart_disconnect(const char* name, int reserved);
 /// From here on a crash (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT) on any thread leaves a
 /// symbolised stack in syslog before the process dies of its signal, within 2 s whatever state it
 /// is in. A stack that overflows is reported on the main thread and those of `platform/thread.h`. A
-/// signal that has a handler already (a sanitizer's) keeps it. Reads the debug information now, so
-/// it takes some 50 ms where the program has much of it. -1 on failure.
+/// signal that has a handler already (a sanitizer's) keeps it. -1 on failure.
 int initCrashHandler();
 
 /// Fills `values` from the trace file, named by QUILLSPEAK_TRACE or /etc/quillspeak/trace.conf, and

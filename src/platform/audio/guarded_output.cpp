@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/heap.h"
 #include "platform/thread.h"
 
 namespace platform::audio {
@@ -110,6 +111,8 @@ bool GuardedOutput::Desk::carryOut(Order ordered, const Step& received) {
       return true;
     case Order::release:
       device->release();
+      // Nothing has sounded for a while.
+      trimHeap();
       return !endUnlessOrdered();
     case Order::none:
     case Order::end:

@@ -59,9 +59,8 @@ TEST(CrashHandler, LogsTheStackAndDiesOfTheFirstSignalInTime) {
     EXPECT_EQ(WTERMSIG(status), crash.signal);
     if (crash.firstLine == nullptr) continue;
     const std::string lines = test::readFile(folder / "log");
-    for (const std::string& part :
-         {std::string("LOG_CRIT crash: ") + crash.firstLine, std::string(crash.part),
-          std::string("crash_subject.cpp:"), std::string("crash: places in the program: ")})
+    for (const std::string& part : {std::string("LOG_CRIT crash: ") + crash.firstLine,
+                                    std::string(crash.part), std::string("crash_subject.cpp:")})
       EXPECT_NE(lines.find(part), std::string::npos) << part << " in\n" << lines;
     EXPECT_EQ(lines.find("onCrash"), std::string::npos) << lines;
   }
@@ -96,7 +95,8 @@ TEST(CrashReport, ReachesSyslogsSocketPastTheCLibrary) {
                             "]: crash: SIGBUS from process 4711 in thread ";
   EXPECT_TRUE(received.starts_with(first)) << received;
   EXPECT_EQ(received.find("crash: SIGBUS", first.size() + 10), std::string::npos) << received;
-  EXPECT_NE(received.find("crash_handler_test.cpp:"), std::string::npos) << received;
+  for (const char* const part : {"crash: places in the program: ", "crash_handler_test.cpp:"})
+    EXPECT_NE(received.find(part), std::string::npos) << received;
 }
 
 }  // namespace
