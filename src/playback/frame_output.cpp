@@ -1,6 +1,7 @@
 #include "playback/frame_output.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "core/interfaces/controller_base.h"
 #include "core/interfaces/media_interface_base.h"
@@ -8,7 +9,8 @@
 
 namespace qs_ns {
 
-FrameOutput::FrameOutput(QS_ControllerBase& owner) : controller(owner), media(*owner.getMediaIF()) {
+FrameOutput::FrameOutput(QS_ControllerBase& owner, StageTimes& requestTimes)
+    : controller(owner), media(*owner.getMediaIF()), times(requestTimes) {
   if (pfir_upFilterState* state = controller.getFirUpState()) pfir_resetUpFilter(state);
 }
 
@@ -38,6 +40,15 @@ void FrameOutput::play() {
   const unsigned bytes = count * static_cast<unsigned>(sizeof(std::int16_t));
   // A device that died was logged by the media layer; the text runs through to its end.
   media.playDataMsAudPlaybackSession(samples, bytes);
+  if (!times.isNoted(Stage::firstAudible)) noteFirst(samples, count);
+}
+
+void FrameOutput::noteFirst(const std::int16_t* samples, std::size_t count) {
+  constexpr int kAudible = 328;  // 1 % of full scale
+  times.note(Stage::firstFrame);
+  const bool audible = std::any_of(samples, samples + count,
+                                   [](int sample) { return std::abs(sample) >= kAudible; });
+  if (audible) times.note(Stage::firstAudible);
 }
 
 }  // namespace qs_ns

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "playback/gain_ramp.h"
+#include "playback/stage_times.h"
 
 namespace qs_ns {
 
@@ -17,7 +18,7 @@ class FrameOutput {
  public:
   /// Starts a new signal: the filter forgets the request before, whose last samples would click
   /// into this one.
-  explicit FrameOutput(QS_ControllerBase& owner);
+  FrameOutput(QS_ControllerBase& owner, StageTimes& requestTimes);
 
   /// Plays a frame whose gain moves toward `target` (Q10).
   void playRamped(Frame frame, std::int16_t target);
@@ -29,9 +30,11 @@ class FrameOutput {
   static constexpr int kMaxFactor = 3;
 
   void play();
+  void noteFirst(const std::int16_t* samples, std::size_t count);
 
   QS_ControllerBase& controller;
   QS_MediaInterfaceBase& media;
+  StageTimes& times;
   GainRamp ramp;
   std::array<std::int16_t, kFrameSamples> scaled{};
   std::array<std::int16_t, kFrameSamples * kMaxFactor> out{};

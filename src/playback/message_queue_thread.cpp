@@ -136,11 +136,13 @@ std::unique_ptr<QS_PlayRequest> QS_MessageQueueThread::take() {
 void QS_MessageQueueThread::play(std::unique_ptr<QS_PlayRequest> request) {
   syslog(LOG_DEBUG, "QS_MessageQueueThread: Request handled for text with length:%d",
          firstTextLength(*request));
+  request->times.note(Stage::taken);
   if (controller->startMsAudPlayback() != 0) {
     syslog(LOG_ERR, "QS_MessageQueueThread: Error in startMsRTPSession()");
     dropTaken();
     return;
   }
+  request->times.note(Stage::sessionOpened);
   makeCurrent(std::move(request)).executeStream();
   syslog(LOG_DEBUG, "QS_MessageQueueThread: Call stopMsAudPlaybackSession()");
   controller->getMediaIF()->stopMsAudPlaybackSession();

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "playback/stage_times.h"
 #include "playback/wqueue.h"
 
 namespace qs_ns {
@@ -22,7 +23,7 @@ inline constexpr int kVoiceShift = 3;
 inline constexpr int kSpeechRate = 16000;
 
 /// One request to speak. Owned by the play queue from `addToQueue` on, then by the streaming object
-/// that plays it. Unchanged after construction.
+/// that plays it. Unchanged after construction, but for its times.
 struct QS_PlayRequest {
   QS_PlayRequest(std::vector<std::string> texts, const char* alert, std::int32_t requestParams,
                  std::int32_t requestType, std::int32_t requestFlags);
@@ -36,6 +37,7 @@ struct QS_PlayRequest {
   const std::int32_t flags;
   /// The request's identity on the bus: never 0, never given out twice.
   const std::uint64_t handle;
+  mutable StageTimes times;
 };
 
 /// A block of samples on its way from the synthesis to the writer.

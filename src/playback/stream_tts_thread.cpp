@@ -57,6 +57,7 @@ QS_StreamTTSThread::~QS_StreamTTSThread() {
   }
   ended.reset();
   if (stopped) controller->reportPlayRequestResult(request.get(), 1);
+  request->times.log(request->handle);
 }
 
 std::unique_ptr<QS_WriteTTSThread> QS_StreamTTSThread::createWriteTTSThread(
@@ -198,6 +199,7 @@ int QS_StreamTTSThread::writeToMS(int start, int size, const std::int16_t* sampl
     firstChunk = false;
   }
   const int count = start + size - from;
+  request->times.note(Stage::firstSamples);
   auto block = std::make_unique<QS_StreamData>();
   block->samples = std::make_unique_for_overwrite<std::int16_t[]>(static_cast<std::size_t>(count));
   block->count = count;

@@ -71,7 +71,7 @@ bool QS_WriteTTSThread::threadLoop() {
     return false;
   }
   media.startMsAudPlaybackSession();
-  FrameOutput output(*controller);
+  FrameOutput output(*controller, request->times);
   playQueue(output, gainOf(media));
   if (!stopped && (request->flags & kPlayAlertAfterTexts) != 0) playAlertFile(output);
   if (!stopped) reportPlayed();
