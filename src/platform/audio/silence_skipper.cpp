@@ -21,8 +21,8 @@ SilenceSkipper::SilenceSkipper(std::unique_ptr<Output> skippedTo) : output(std::
 
 int SilenceSkipper::open(std::string& why) {
   skipping = true;
-  taken = inBlock = keptFrames = 0;
-  energy = 0;
+  taken = inBlock = keptFrames = noiseFrames = 0;
+  noiseEnergy = risenEnergy = 0;
   return output->open(why);
 }
 
@@ -46,31 +46,37 @@ std::size_t SilenceSkipper::fill(const std::int16_t* samples, std::size_t frames
 int SilenceSkipper::takeBlock() {
   if (inBlock < kBlockFrames) return 0;
   taken += kBlockFrames;
-  if (isQuiet() && taken <= kMostFrames) {
-    keepBlock();
-    return 0;
-  }
-  return playKept();
+  if (isSound() || taken > kMostFrames) return playKept();
+  keepBlock();
+  return 0;
 }
 
-bool SilenceSkipper::isQuiet() {
-  double sum = 0;
+bool SilenceSkipper::isSound() {
+  double energy = 0;
   for (const double sample : block)
-    sum += sample * sample;
-  const std::size_t before = taken - kBlockFrames;
-  const double noise = before == 0 ? 0 : std::sqrt(energy / static_cast<double>(before));
-  const double limit =
-      before < kNoiseFrames ? kMostLevel : std::clamp(kAboveNoise * noise, kLeastLevel, kMostLevel);
-  energy += sum;
-  return std::sqrt(sum / kBlockFrames) < limit;
+    energy += sample * sample;
+  const double level = std::sqrt(energy / kBlockFrames);
+  const double noise =
+      noiseFrames == 0 ? 0 : std::sqrt(noiseEnergy / static_cast<double>(noiseFrames));
+  const bool risen =
+      noiseFrames >= kNoiseFrames && level >= std::max(kAboveNoise * noise, kLeastLevel);
+  if (level >= kMostLevel || (risen && risenEnergy > 0)) return true;
+  if (risen) {
+    risenEnergy = energy;
+    return false;
+  }
+  // One that rose by itself was noise as well.
+  noiseFrames += risenEnergy > 0 ? 2 * kBlockFrames : kBlockFrames;
+  noiseEnergy += energy + std::exchange(risenEnergy, 0);
+  return false;
 }
 
 void SilenceSkipper::keepBlock() {
-  const auto dropped =
-      keptFrames + inBlock > kKeptFrames ? keptFrames + inBlock - kKeptFrames : std::size_t{0};
-  std::copy(kept.begin() + static_cast<std::ptrdiff_t>(dropped),
+  const std::size_t most = risenEnergy > 0 ? kept.size() : kKeptFrames;
+  const std::size_t excess = keptFrames + inBlock > most ? keptFrames + inBlock - most : 0;
+  std::copy(kept.begin() + static_cast<std::ptrdiff_t>(excess),
             kept.begin() + static_cast<std::ptrdiff_t>(keptFrames), kept.begin());
-  keptFrames -= dropped;
+  keptFrames -= excess;
   std::copy_n(block.begin(), inBlock, kept.begin() + static_cast<std::ptrdiff_t>(keptFrames));
   keptFrames += inBlock;
   inBlock = 0;
@@ -78,7 +84,9 @@ void SilenceSkipper::keepBlock() {
 
 int SilenceSkipper::playKept() {
   skipping = false;
-  int status = keptFrames == 0 ? 0 : output->write(kept.data(), keptFrames);
+  int status = 0;
+  for (std::size_t done = 0; status >= 0 && done < keptFrames; done += kKeptFrames)
+    status = output->write(&kept[done], std::min(kKeptFrames, keptFrames - done));
   if (status >= 0 && inBlock > 0) status = output->write(block.data(), inBlock);
   inBlock = keptFrames = 0;
   return status;

@@ -11,9 +11,10 @@ namespace platform::audio {
 /// nothing for 100 to 230 ms. Up to 300 ms are taken and not played, but for the last 10 before the
 /// first sound.
 ///
-/// Sound is what rises three times above the stream's own noise, in steps of 5 ms. The voice's
-/// noise is an RMS of 8 with steps of up to 18 at normal volume, five times that at the largest and
-/// a sixth at the smallest; its softest consonant ("thirty") begins at 23.
+/// Sound is what rises three times above the stream's own noise for two steps of 5 ms, one of which
+/// noise may do by chance, or at once where it is loud. The voice's noise is an RMS of 8 with steps
+/// of up to 18 at normal volume, five times that at the largest and a sixth at the smallest; its
+/// softest consonant ("thirty") begins at 23.
 class SilenceSkipper final : public Output {
  public:
   explicit SilenceSkipper(std::unique_ptr<Output> skippedTo);
@@ -31,17 +32,20 @@ class SilenceSkipper final : public Output {
 
   std::size_t fill(const std::int16_t* samples, std::size_t frames);
   int takeBlock();
-  bool isQuiet();
+  bool isSound();
   void keepBlock();
   int playKept();
 
   const std::unique_ptr<Output> output;
   bool skipping = false;
-  std::size_t taken = 0;  // since the stream began
-  double energy = 0;      // of the quiet blocks, in squares of samples
+  std::size_t taken = 0;        // since the stream began
+  double noiseEnergy = 0;       // of the quiet blocks, in squares of samples
+  std::size_t noiseFrames = 0;  // in them
+  double risenEnergy = 0;       // of the block before, where it rose above the noise
   Block block{};
   std::size_t inBlock = 0;
-  std::array<std::int16_t, kKeptFrames> kept{};
+  // The last 10 ms before a block that has risen, and that block.
+  std::array<std::int16_t, kKeptFrames + kBlockFrames> kept{};
   std::size_t keptFrames = 0;
 };
 
