@@ -85,8 +85,7 @@ Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, const
   std::filesystem::create_directory(folder / "files");
   std::filesystem::create_directory(folder / "run");
   writeFile(folder / "properties.conf", options.properties);
-  // The debug level, which is off by itself, shows what tests look for.
-  writeFile(folder / "trace.conf", "baseseverity = 7\n");
+  writeFile(folder / "trace.conf", "baseseverity = " + std::to_string(options.baseSeverity) + "\n");
   // It is watched before the daemon has logged anything.
   const std::ofstream created(logFile, std::ios::app);
   const std::string audio = options.audio.empty() ? "wav:" + (folder / "sound.wav") : options.audio;
@@ -222,6 +221,12 @@ std::optional<PlayResult> Client::result(std::uint64_t handle) const {
   const auto found = std::find_if(received.begin(), received.end(),
                                   [handle](const auto& one) { return one.handle == handle; });
   return found != received.end() ? std::optional(*found) : std::nullopt;
+}
+
+bool Client::isReported(std::int32_t type) const {
+  return std::any_of(received.begin(), received.end(), [type](const auto& one) {
+    return one.type == static_cast<std::uint32_t>(type);
+  });
 }
 
 const std::vector<PlayResult>& Client::results() {

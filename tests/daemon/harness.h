@@ -65,6 +65,9 @@ class Daemon {
     std::vector<std::string> arguments{};
     /// Does it find its standard output full, so that it has to wait for a reader?
     bool outputFull = false;
+    /// The highest level that it logs. The debug level, which is off by itself, shows what tests
+    /// look for.
+    int baseSeverity = 7;
   };
 
   Daemon(const ScratchFolder& folder, const std::string& busAddress, const Options& options);
@@ -166,6 +169,9 @@ class Client {
   /// in.
   void callLater(Answered answered, const char* method, const char* signature, ...);
 
+  /// Has a request that was sent with that `type` been reported? Unlike handles, which are given
+  /// out again, types are the client's own. Looks only at what was taken in already.
+  bool isReported(std::int32_t type) const;
   /// That request's result. Looks only at what was taken in already.
   std::optional<PlayResult> result(std::uint64_t handle) const;
   /// Waits for it; nothing after 30 s.
