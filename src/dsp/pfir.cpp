@@ -3,10 +3,9 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "dsp/inner_product.h"
+#include "dsp/filter_path.h"
 
 using qs_ns::CoefficientBank;
-using qs_ns::filterWindows;
 
 namespace {
 
@@ -22,22 +21,23 @@ static_assert(sizeof(pfir_6xIntCoef) == 584 && sizeof(pfir_6xDecCoef) == 584);
 static_assert(alignof(std::max_align_t) >= 8, "calloc aligns a history to 8 bytes");
 
 CoefficientBank bankOf(const pfir_upFilterState& state) {
-  return {state.coef, state.factor, state.taps};
+  return {state.coef, state.factor, state.taps, {state.halfSumPeak, state.lanePeak}};
 }
 
 CoefficientBank bankOf(const pfir_dnFilterState& state) {
-  return {state.coef, 1, state.taps};
+  return {state.coef, 1, state.taps, {state.halfSumPeak, state.lanePeak}};
 }
 
-/// Gives a state its history and limits. 1: no memory.
+/// Gives a state its history, limits and path. 1: no memory.
 template <class State>
-int startSignal(State& state) {
+int startSignal(State& state, int phases) {
   const auto samples = 2 * static_cast<std::size_t>(state.taps);
   state.history = static_cast<std::int16_t*>(std::calloc(samples, sizeof(std::int16_t)));
   if (state.history == nullptr) return 1;
-  const qs_ns::PeakLimits limits = qs_ns::peakLimits(bankOf(state));
+  const qs_ns::PeakLimits limits = qs_ns::peakLimits(state.coef, phases, state.taps);
   state.halfSumPeak = limits.halfSum;
   state.lanePeak = limits.lane;
+  state.path = qs_ns::runnablePaths().front();
   return 0;
 }
 
@@ -56,19 +56,18 @@ class Block {
  public:
   Block(State& owner, const std::int16_t* samples, int count)
       : state(owner), in(samples), nIn(count), tail(owner.taps - 1) {
-    peak = std::max(qs_ns::peakOf(state.history, tail), qs_ns::peakOf(in, nIn));
     std::copy_n(in, state.taps, state.history + tail);
   }
 
   /// The outputs of `count` windows of which the first ends in sample `end`, the others each `step`
   /// further on.
   void filter(int end, int step, int count, std::int16_t* out) const {
-    const int early = std::max(0, (tail - end + step - 1) / step);
+    // As many as lie in the history: of the factor-3 filter 48, in whole groups for every path.
+    const int early = std::max(0, (state.taps - end + step - 1) / step);
     const CoefficientBank bank = bankOf(state);
-    const qs_ns::PeakLimits limits{state.halfSumPeak, state.lanePeak};
-    filterWindows(bank, {state.history + end, early, step}, peak, limits, out);
-    filterWindows(bank, {in + (end + early * step - tail), count - early, step}, peak, limits,
-                  out + early * bank.phases);
+    state.path->filter(bank, {state.history + end, early, step}, out);
+    state.path->filter(bank, {in + (end + early * step - tail), count - early, step},
+                       out + early * bank.phases);
   }
 
   void keepTail() const { std::copy_n(in + (nIn - tail), tail, state.history); }
@@ -78,7 +77,6 @@ class Block {
   const std::int16_t* in;
   int nIn;
   int tail;
-  std::int32_t peak;
 };
 
 template <class State>
@@ -111,16 +109,16 @@ void report(std::uint16_t* outCount, int count) {
 
 int pfir_initUpFilter(pfir_upFilterState* state, const pfir_filterConfig* config) {
   if (state == nullptr || config == nullptr) return 1;
-  *state = {config->factor, config->taps, config->coef(), nullptr, 0, 0};
+  *state = {config->factor, config->taps, config->coef(), nullptr, 0, 0, nullptr};
   if (state->factor < 1 || state->taps < 1 || state->taps % 4 != 0) return 2;
-  return startSignal(*state);
+  return startSignal(*state, state->factor);
 }
 
 int pfir_initDnFilter(pfir_dnFilterState* state, const pfir_filterConfig* config) {
   if (state == nullptr || config == nullptr) return 1;
-  *state = {config->factor, config->taps, 0, config->coef(), nullptr, 0, 0};
+  *state = {config->factor, config->taps, 0, config->coef(), nullptr, 0, 0, nullptr};
   if (state->factor < 1 || state->taps < 1 || state->taps % state->factor != 0) return 2;
-  return startSignal(*state);
+  return startSignal(*state, 1);
 }
 
 int pfir_resetUpFilter(pfir_upFilterState* state) {

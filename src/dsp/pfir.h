@@ -9,7 +9,11 @@
 // allocates. Every status is 0 for success.
 //
 // Results are exact to the bit: those of a vector unit with four saturating 32-bit lanes (see
-// inner_product.h), whatever the processor.
+// filter_path.h), whatever the processor.
+
+namespace qs_ns {
+struct FilterPath;
+}
 
 /// What a table begins with; its coefficients follow on the next 8-byte boundary.
 struct alignas(8) pfir_filterConfig {
@@ -48,6 +52,8 @@ struct pfir_upFilterState {
   /// The loudest samples (0 to 32,768) up to which no half sum, and no lane, can saturate.
   std::int32_t halfSumPeak;
   std::int32_t lanePeak;
+  /// The fastest that the processor can run.
+  const qs_ns::FilterPath* path;
 };
 
 /// The memory of one decimated signal.
@@ -60,6 +66,7 @@ struct pfir_dnFilterState {
   std::int16_t* history;
   std::int32_t halfSumPeak;
   std::int32_t lanePeak;
+  const qs_ns::FilterPath* path;
 };
 
 /// The table for a factor of 2, 3 or 6; null for any other.

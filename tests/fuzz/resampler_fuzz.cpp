@@ -5,20 +5,23 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dsp/filter_path.h"
 #include "dsp/pfir.h"
 #include "support/pfir_literal.h"
 
-// Any signal in any blocks, up and down, against literal arithmetic.
+// Any signal in any blocks, up and down, on each path, against literal arithmetic.
 
 namespace {
 
 using test::Samples;
 
-/// Runs the signal in blocks whose lengths `lengths` gives, none shorter than the filter needs.
+/// Runs the signal on a path in blocks whose lengths `lengths` gives, none shorter than the filter
+/// needs.
 template <class Filter>
 Samples inBlocks(const pfir_filterConfig* table, const Samples& signal,
-                 const std::array<std::uint8_t, 4>& lengths) {
+                 const std::array<std::uint8_t, 4>& lengths, const qs_ns::FilterPath* path) {
   Filter filter(table);
+  filter.state.path = path;
   const auto total = static_cast<int>(signal.size());
   Samples out(signal.size() * static_cast<std::size_t>(table->factor));
   std::size_t written = 0;
@@ -49,10 +52,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   const pfir_filterConfig* const up = pfir_getUpFilterConfig(factor);
   if (signal.size() < static_cast<std::size_t>(up->taps)) return 0;
-  if (inBlocks<test::UpFilter>(up, signal, lengths) != test::literalUp(up, signal)) std::abort();
+  const Samples expectedUp = test::literalUp(up, signal);
+  for (const qs_ns::FilterPath* path : qs_ns::runnablePaths())
+    if (inBlocks<test::UpFilter>(up, signal, lengths, path) != expectedUp) std::abort();
   const pfir_filterConfig* const down = pfir_getDnFilterConfig(factor);
   if (signal.size() < static_cast<std::size_t>(down->taps)) return 0;
-  if (inBlocks<test::DnFilter>(down, signal, lengths) != test::literalDn(down, signal))
+  if (inBlocks<test::DnFilter>(down, signal, lengths, &qs_ns::kPortablePath) !=
+      test::literalDn(down, signal))
     std::abort();
   return 0;
 }

@@ -1,12 +1,14 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <random>
 #include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "dsp/filter_path.h"
 #include "dsp/pfir.h"
 #include "support/pfir_literal.h"
 
@@ -43,25 +45,29 @@ Samples runInBlocks(Filter& filter, const Samples& signal, const std::vector<int
   return out;
 }
 
-/// Compares with the whole signal's output, for each way to cut the signal into blocks.
+/// Compares with the whole signal's output, on each path and for each way to cut the signal into
+/// blocks.
 template <class Filter>
 void expectExact(const pfir_filterConfig* table, const Samples& signal,
                  const std::vector<std::vector<int>>& splits) {
   constexpr bool kUp = std::is_same_v<Filter, test::UpFilter>;
   const Samples expected = kUp ? test::literalUp(table, signal) : test::literalDn(table, signal);
-  for (const auto& lengths : splits) {
-    Filter filter(table);
-    EXPECT_EQ(runInBlocks(filter, signal, lengths, expected.size()), expected)
-        << "factor " << table->factor << ", blocks from " << lengths[0];
-  }
+  for (const qs_ns::FilterPath* path : qs_ns::runnablePaths())
+    for (const auto& lengths : splits) {
+      Filter filter(table);
+      filter.state.path = path;
+      EXPECT_EQ(runInBlocks(filter, signal, lengths, expected.size()), expected)
+          << path->name << ", factor " << table->factor << ", blocks from " << lengths[0];
+    }
 }
 
 std::int16_t withSignOf(int sign, int peak) {
   return static_cast<std::int16_t>(sign < 0 ? -peak : std::min(peak, 32767));
 }
 
-/// Windows that drive chosen lanes as far as a peak can, up or down, and fill the others with
-/// noise: what saturates, and by how little, differs from window to window.
+/// Windows that drive chosen lanes as far as a peak can, up or down, and fill the others: with
+/// noise, so that what saturates, and by how little, differs from window to window, or with what
+/// adds up to whole outputs at full scale, so that the lowest bit of a driven lane counts.
 Samples adversary(const pfir_filterConfig* table, int phases, int peak, int windows) {
   std::mt19937 random(7);
   Samples signal;
@@ -69,11 +75,13 @@ Samples adversary(const pfir_filterConfig* table, int phases, int peak, int wind
     const auto* coef = table->coef() + window % phases * table->taps;
     const unsigned driven = random() % 16;
     const unsigned down = random() % 16;
+    const bool isWhole = random() % 4 == 0;
     for (int k = 0; k < table->taps; ++k) {
-      const int wild = static_cast<int>(random() % (2u * static_cast<unsigned>(peak))) - peak;
+      const int noise = static_cast<int>(random() % (2u * static_cast<unsigned>(peak))) - peak;
+      const int rest = !isWhole ? noise : noise < 0 ? -peak : 0;
       const int sign = (coef[k] < 0) != ((down >> k % 4 & 1) != 0) ? -1 : 1;
       signal.push_back((driven >> k % 4 & 1) != 0 ? withSignOf(sign, peak)
-                                                  : static_cast<std::int16_t>(wild));
+                                                  : static_cast<std::int16_t>(rest));
     }
   }
   return signal;
@@ -92,22 +100,34 @@ void expectExactAtEveryLoudness(const pfir_filterConfig* table, int phases, int 
   }
 }
 
+TEST(Interpolation, TakesTheFastestPathThatTheProcessorCanRun) {
+  const test::UpFilter filter(pfir_getUpFilterConfig(3));
+  EXPECT_EQ(filter.state.path, qs_ns::runnablePaths().front());
+  EXPECT_EQ(qs_ns::runnablePaths().back(), &qs_ns::kPortablePath);
+}
+
 TEST(Interpolation, IsExactAtEveryLoudnessInBlocksOfAnyLength) {
   for (const int factor : kFactors)
     expectExactAtEveryLoudness<test::UpFilter>(pfir_getUpFilterConfig(factor), factor, 150,
-                                               {{48}, {49}, {94, 95, 96, 97}, {160, 48, 4000}});
+                                               {{48}, {49, 57}, {94, 95, 96, 97}, {160, 48, 4000}});
 }
 
-// The arithmetic is chosen by block: the end of a loud one still counts in the quiet one after it.
-TEST(Interpolation, IsExactWhereLoudAndQuietBlocksMeetAndInTheLongestBlock) {
+// The arithmetic is chosen by block: the end of a loud one still counts in the quiet one after it,
+// and a few loud samples at the end of one that is just quiet enough.
+TEST(Interpolation, IsExactWhereLoudAndQuietMeetAndInTheLongestBlock) {
   constexpr int kLongest = 65535 / 3;
   const auto* table = pfir_getUpFilterConfig(3);
-  const Samples loud = adversary(table, 3, 32768, 62);
+  const int edge = test::UpFilter(table).state.halfSumPeak;
+  const Samples loud = adversary(table, 3, 32768, 68);
+  const Samples quiet = adversary(table, 3, edge, 68);
   Samples signal;
-  for (auto window = loud.begin(); window != loud.end(); window += 48) {
+  for (std::ptrdiff_t at = 0; at < std::ssize(loud); at += 48) {
+    const auto window = loud.begin() + at;
     signal.resize(signal.size() + 160 - 47, 10);
     signal.insert(signal.end(), window, window + 47);
-    signal.resize(signal.size() + 160, -10);
+    signal.resize(signal.size() + 160 - 48, -10);
+    signal.insert(signal.end(), quiet.begin() + at, quiet.begin() + at + 41);
+    signal.insert(signal.end(), window + 41, window + 48);
   }
   signal.resize(kLongest);
   expectExact<test::UpFilter>(table, signal, {{160}, {kLongest}});
