@@ -7,6 +7,11 @@
 
 namespace qs_ns {
 
+#if defined(__x86_64__)
+extern const FilterPath kSse2Path;
+extern const FilterPath kAvx2Path;
+#endif
+
 namespace {
 
 constexpr std::int32_t kInt32Max = std::numeric_limits<std::int32_t>::max();
@@ -22,8 +27,13 @@ std::array<std::int64_t, 4> laneReach(const std::int16_t* coef, int taps) {
 }  // namespace
 
 std::span<const FilterPath* const> runnablePaths() {
+#if defined(__x86_64__)
+  static constexpr std::array kPaths = {&kAvx2Path, &kSse2Path, &kPortablePath};
+  return std::span(kPaths).subspan(__builtin_cpu_supports("avx2") != 0 ? 0 : 1);
+#else
   static constexpr std::array kPaths = {&kPortablePath};
   return kPaths;
+#endif
 }
 
 PeakLimits peakLimits(const std::int16_t* coef, int phases, int taps) {

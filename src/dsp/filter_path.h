@@ -38,7 +38,8 @@ struct Windows {
   int step;
 };
 
-/// One implementation.
+/// One implementation. Those for vector units know the table of interpolation by 3, consecutive
+/// windows of it and not too few of them; all else they leave to the portable one.
 struct FilterPath {
   const char* name;
   /// Writes the bank's `phases` outputs for each window; `out` lies apart from the samples.
@@ -49,6 +50,17 @@ extern const FilterPath kPortablePath;
 
 /// What this processor can run, the fastest first; never empty, valid for ever. Any thread.
 std::span<const FilterPath* const> runnablePaths();
+
+/// Of the factor-3 table's lanes only these two can saturate, at this tap (of lane tap % 4) at the
+/// earliest, and one signal drives them only to one of their two limits.
+struct SaturatingLane {
+  int phase;
+  int firstTap;
+};
+constexpr SaturatingLane kSaturatingLanes[] = {{0, 27}, {2, 28}};
+
+/// Nor do they where the samples at taps 23 and 24, which weigh most in them, are no louder.
+constexpr int kQuietCentre = 30090;
 
 PeakLimits peakLimits(const std::int16_t* coef, int phases, int taps);
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "dsp/filter_path.h"
 #include "dsp/pfir.h"
 
 // Low-pass filters of unity gain in Q15, cut off at the lower rate's Nyquist frequency: flat to 0.8
@@ -34,7 +35,7 @@ constinit const pfir_filterTable<96> pfir_2xIntCoef = mirrored<48>(2, 48, {
 
 // In full, since it is not quite a mirror image: taps 37 and 38 of phase 2 are 134 and -35, where
 // the reverse of phase 0 has -35 and 134. Every request is heard through this table: leave them so.
-constinit const pfir_filterTable<144> pfir_3xIntCoef = {{3, 48, {}}, {
+constexpr pfir_filterTable<144> pfir_3xIntCoef = {{3, 48, {}}, {
     -19, 32, -49, 68, -85, 95, -93, 75, -33, 134, -35, -263,
     418, -595, 781, -961, 1116, -1222, 1247, -1143, 825, -72, -2056, 29013,
     8330, -4658, 3354, -2548, 1934, -1425, 995, -635, 342, -115, -50, 159,
@@ -93,6 +94,42 @@ constinit const pfir_filterTable<288> pfir_6xDecCoef = mirrored<144>(6, 288, {
     -601, -921, -1077, -995, -631, 12, 889, 1910, 2955, 3894, 4600, 4980});
 
 // clang-format on
+
+namespace {
+
+constexpr int kNever = 48;
+
+constexpr int expectedTap(int phase, int lane) {
+  for (const auto& saturating : qs_ns::kSaturatingLanes)
+    if (saturating.phase == phase && saturating.firstTap % 4 == lane) return saturating.firstTap;
+  return kNever;
+}
+
+/// Is a lane of the factor-3 table driven one way, by samples of 32,768 and in the middle by
+/// `kQuietCentre`, what `kSaturatingLanes` says? Undoubled, it saturates at 2^30.
+constexpr bool isLaneAsExpected(int phase, int lane) {
+  constexpr int kLimit = 1 << 30;
+  int first = kNever;
+  int reach = 0;
+  int quietReach = 0;
+  for (int tap = lane; tap < 48; tap += 4) {
+    const int coef = pfir_3xIntCoef.coef[48 * phase + tap];
+    const int weight = coef < 0 ? -coef : coef;
+    reach += weight * 32768;
+    quietReach += weight * (tap == 23 || tap == 24 ? qs_ns::kQuietCentre : 32768);
+    if (first == kNever && reach >= kLimit) first = tap;
+  }
+  return first == expectedTap(phase, lane) && quietReach < kLimit;
+}
+
+constexpr bool areLanesAsExpected() {
+  for (int i = 0; i < 12; ++i)
+    if (!isLaneAsExpected(i / 4, i % 4)) return false;
+  return true;
+}
+static_assert(areLanesAsExpected());
+
+}  // namespace
 
 const pfir_filterConfig* pfir_getUpFilterConfig(int factor) {
   switch (factor) {
