@@ -10,6 +10,8 @@ namespace qs_ns {
 #if defined(__x86_64__)
 extern const FilterPath kSse2Path;
 extern const FilterPath kAvx2Path;
+#elif defined(__ARM_NEON)
+extern const FilterPath kNeonPath;
 #endif
 
 namespace {
@@ -30,6 +32,9 @@ std::span<const FilterPath* const> runnablePaths() {
 #if defined(__x86_64__)
   static constexpr std::array kPaths = {&kAvx2Path, &kSse2Path, &kPortablePath};
   return std::span(kPaths).subspan(__builtin_cpu_supports("avx2") != 0 ? 0 : 1);
+#elif defined(__ARM_NEON)
+  static constexpr std::array kPaths = {&kNeonPath, &kPortablePath};
+  return kPaths;
 #else
   static constexpr std::array kPaths = {&kPortablePath};
   return kPaths;
