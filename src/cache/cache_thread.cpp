@@ -78,12 +78,15 @@ int QS_CacheThread::runThread() {
 }
 
 int QS_CacheThread::stopThread() {
-  const platform::MutexLock lock(restMutex);
-  if (stopped) return 0;
-  syslog(LOG_NOTICE, "QS_CT:%s: STOP requested", "stopThread");
-  stopped = true;
-  requestExit();
-  stopAsked.notifyAll();
+  {
+    const platform::MutexLock lock(restMutex);
+    if (stopped) return 0;
+    syslog(LOG_NOTICE, "QS_CT:%s: STOP requested", "stopThread");
+    stopped = true;
+    requestExit();
+    stopAsked.notifyAll();
+  }
+  voiceMutex.wake();
   return 0;
 }
 
@@ -129,6 +132,7 @@ Wave QS_CacheThread::synthesise(const char* text) {
   QS_StreamUserData userData;
   userData.owner = this;
   userData.speed = speed;
+  userData.background = true;
   userData.abandoned = [](const QS_StreamUserData& data) {
     return static_cast<QS_CacheThread*>(data.owner)->givesUpSynthesis();
   };

@@ -66,6 +66,7 @@ QS_ConvertTTSThread::~QS_ConvertTTSThread() {
 void QS_ConvertTTSThread::stop() {
   stopped = true;
   turns.wake();
+  voiceMutex.wake();
 }
 
 bool QS_ConvertTTSThread::threadLoop() {

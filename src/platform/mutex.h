@@ -10,9 +10,9 @@ namespace platform {
 /// Breaking these rules ends the process by abort.
 ///
 /// With `inheritPriority` a waiter of a real-time priority lends it to the holder (nice levels are
-/// not lent), and an unlock hands the mutex to whoever waits. The second half is what the daemon
-/// lives on: a background synthesis that takes the voice again and again lets a waiting play
-/// request in between (100 waits cost 104 rounds of the holder; with a default mutex 14,000).
+/// not lent), and an unlock hands the mutex to whoever waits, so that a thread which takes it again
+/// and again lets others in between (100 waits cost 104 rounds of the holder; with a default mutex
+/// 14,000).
 class CAPABILITY("mutex") Mutex {
  public:
   explicit Mutex(bool inheritPriority);

@@ -13,5 +13,6 @@
 #define REQUIRES(...) QS_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define EXCLUDES(...) QS_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define ACQUIRE(...) QS_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) QS_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define RELEASE(...) QS_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define NO_THREAD_SAFETY_ANALYSIS QS_THREAD_ATTRIBUTE(no_thread_safety_analysis)

@@ -78,6 +78,7 @@ int QS_StreamTTSThread::stopThread() {
   // What waits in the device would go on for longer than all the rest of a stop takes.
   controller->getMediaIF()->dropMsAudPlaybackSession();
   queue.wake();
+  voiceMutex.wake();
   return 0;
 }
 
@@ -96,6 +97,9 @@ int QS_StreamTTSThread::executeStream() {
     return static_cast<QS_StreamTTSThread&>(ownerOf(data)).waitForRoom();
   };
   userData.abandoned = [](const QS_StreamUserData& data) { return ownerOf(data).isStopped(); };
+  userData.waitsBeforePiece = [](const QS_StreamUserData& data) {
+    return !static_cast<QS_StreamTTSThread&>(ownerOf(data)).queue.hasRoom(kMaxWaitingSamples);
+  };
   controller->setState(1);
   startWriter();
   for (const std::string& text : request->textToConvert) {

@@ -121,6 +121,12 @@ class wqueue {
       room.wait(lock);
   }
 
+  /// Would `waitForRoom` return without a wait, whatever is stopped?
+  bool hasRoom(std::int64_t most) const {
+    const platform::MutexLock hold(lock);
+    return queuedLoad <= most || exhausted;
+  }
+
   /// Makes `waitForRoom` look at its reasons again.
   void wake() {
     const platform::MutexLock hold(lock);

@@ -20,8 +20,6 @@ extern "C" cst_voice* register_cmu_us_slt(const char* directory);
 
 namespace qs_ns {
 
-platform::Mutex voiceMutex(true);
-
 namespace {
 
 constexpr int kDefaultLevel = 3;
@@ -66,11 +64,19 @@ struct Job {
   StreamCallback callback;
   QS_StreamUserData* userData;
   bool wantWave;
-  bool traced;  // is each call of Flite logged?
+  bool toFile;  // else it is streamed, and each call of Flite logged
 
+  Urgency urgency() const {
+    const bool background = toFile || (userData != nullptr && userData->background);
+    return background ? Urgency::background : Urgency::speech;
+  }
   bool endsBeforePiece() const {
     return userData != nullptr && userData->beforePiece != nullptr &&
            userData->beforePiece(*userData) != 0;
+  }
+  bool waitsBeforePiece() const {
+    return userData != nullptr && userData->waitsBeforePiece != nullptr &&
+           userData->waitsBeforePiece(*userData);
   }
   bool isAbandoned() const {
     return userData != nullptr && userData->abandoned != nullptr && userData->abandoned(*userData);
@@ -82,10 +88,39 @@ Wave emptyWave() {
   return Wave(new_wave());
 }
 
+/// Keeps background work away from the voice while a text is being spoken.
+class SpeechClaim {
+ public:
+  explicit SpeechClaim(Urgency urgency) : speaks(urgency == Urgency::speech) { claim(); }
+  ~SpeechClaim() { release(); }
+  SpeechClaim(const SpeechClaim&) = delete;
+  SpeechClaim& operator=(const SpeechClaim&) = delete;
+
+  /// Asks whether the text ends here.
+  bool endsBeforePiece(const Job& job) const {
+    if (!job.waitsBeforePiece()) return job.endsBeforePiece();
+    release();
+    const bool ends = job.endsBeforePiece();
+    claim();
+    return ends;
+  }
+
+ private:
+  void claim() const {
+    if (speaks) voiceMutex.beginSpeech();
+  }
+  void release() const {
+    if (speaks) voiceMutex.endSpeech();
+  }
+
+  const bool speaks;
+};
+
 /// Speaks one utterance within one hold of the voice.
 Wave speakUtterance(const Job& job, const std::string& text, StreamCallback callback,
                     void* userData, bool wantWave) {
-  const platform::MutexLock lock(voiceMutex);
+  if (!voiceMutex.take(job.urgency(), [&job] { return job.isAbandoned(); })) return emptyWave();
+  const VoiceHold hold(voiceMutex);
   if (job.isAbandoned()) return emptyWave();
   cst_features* features = job.voice->features;
   feat_set_float(features, kStretchFeature, job.stretch);
@@ -96,7 +131,7 @@ Wave speakUtterance(const Job& job, const std::string& text, StreamCallback call
     info->userdata = userData;
     feat_set(features, kStreamFeature, audio_streaming_info_val(info));
   }
-  if (job.traced)
+  if (!job.toFile)
     syslog(LOG_DEBUG, "%s: voice configuration done. Invoking flite api now\n",
            "qs_flite_tts_stream");
   Wave wave;
@@ -110,14 +145,16 @@ Wave speakUtterance(const Job& job, const std::string& text, StreamCallback call
 }
 
 /// Speaks the pieces of a text one after the other and makes one growing wave of them, which is all
-/// that the caller's callback sees.
+/// that the caller's callback sees. A piece of a file gives way to speech, leaves no trace and is
+/// made anew.
 class PieceJoiner {
  public:
   explicit PieceJoiner(const Job& theJob) : job(theJob) { joined->num_channels = 1; }
 
-  Wave speak(const std::vector<std::string_view>& pieces);
+  Wave speak(const std::vector<std::string_view>& pieces, const SpeechClaim& claim);
 
  private:
+  Wave speakPiece(const std::string& piece);
   static int onChunk(const cst_wave* wave, int start, int size, int last,
                      cst_audio_streaming_info* info) {
     return static_cast<PieceJoiner*>(info->userdata)->take(*wave, start, size, last, *info);
@@ -132,21 +169,34 @@ class PieceJoiner {
   int capacity = 0;
   bool atLastPiece = false;
   bool stopped = false;
+  bool gaveWay = false;
 };
 
-Wave PieceJoiner::speak(const std::vector<std::string_view>& pieces) {
+Wave PieceJoiner::speak(const std::vector<std::string_view>& pieces, const SpeechClaim& claim) {
   for (const std::string_view& piece : pieces) {
-    if (job.endsBeforePiece()) return emptyWave();
+    if (claim.endsBeforePiece(job)) return emptyWave();
     atLastPiece = &piece == &pieces.back();
-    const Wave part = speakUtterance(job, std::string(piece), onChunk, this, true);
+    const Wave part = speakPiece(std::string(piece));
     if (!part) return nullptr;
     if (stopped || part->num_samples == 0) return emptyWave();
   }
   return std::move(joined);
 }
 
+Wave PieceJoiner::speakPiece(const std::string& piece) {
+  const int pieceStart = joined->num_samples;
+  for (;;) {
+    Wave part = speakUtterance(job, piece, onChunk, this, true);
+    if (!std::exchange(gaveWay, false)) return part;
+    joined->num_samples = pieceStart;
+  }
+}
+
 int PieceJoiner::take(const cst_wave& wave, int start, int size, int last,
                       const cst_audio_streaming_info& info) {
+  // What comes last has no more to give.
+  gaveWay = job.toFile && last == 0 && voiceMutex.isWantedBySpeech();
+  if (gaveWay) return CST_AUDIO_STREAM_STOP;
   const int joinedStart = joined->num_samples;
   if (!append(wave, start, size)) stopped = true;
   const bool ends = atLastPiece && last != 0;
@@ -189,8 +239,9 @@ std::vector<std::string_view> piecesOf(std::string_view received, std::string_vi
 Wave speakText(const Job& job, const char* text) {
   const std::string safeText = guardText(text);
   const std::vector<std::string_view> pieces = piecesOf(text, safeText);
-  if (pieces.size() > 1) return PieceJoiner(job).speak(pieces);
-  if (job.endsBeforePiece()) return emptyWave();
+  const SpeechClaim claim(job.urgency());
+  if (pieces.size() > 1 || job.toFile) return PieceJoiner(job).speak(pieces, claim);
+  if (claim.endsBeforePiece(job)) return emptyWave();
   return speakUtterance(job, std::string(pieces[0]), job.callback, job.userData, job.wantWave);
 }
 
@@ -212,7 +263,8 @@ struct FileStop {
 }  // namespace
 
 void qs_flite_init() {
-  const platform::MutexLock lock(voiceMutex);
+  voiceMutex.lock();
+  const VoiceHold hold(voiceMutex);
   flite_init();
   cst_voice* registered = register_cmu_us_slt(nullptr);
   slt = registered;
@@ -266,7 +318,7 @@ int qs_flite_tts_file(const std::string& text, const std::string& path, int /*re
                 .callback = FileStop::onChunk,
                 .userData = &userData,
                 .wantWave = true,
-                .traced = false};
+                .toFile = true};
   const Wave wave = speakText(job, text.c_str());
   if (!wave || fileStop.wanted()) return -2;
   const int failure = path.empty() ? 0 : saveWaveFile(*wave, path);
@@ -288,7 +340,7 @@ Wave qs_flite_tts_stream(const char* text, StreamCallback callback, QS_StreamUse
                 .callback = callback,
                 .userData = userData,
                 .wantWave = wantWave,
-                .traced = true};
+                .toFile = false};
   Wave wave = speakText(job, text);
   return wantWave ? std::move(wave) : nullptr;
 }

@@ -6,7 +6,7 @@
 
 #include <flite/flite.h>
 
-#include "platform/mutex.h"
+#include "tts/voice.h"
 #include "tts/wave.h"
 
 namespace qs_ns {
@@ -24,9 +24,15 @@ struct QS_StreamUserData {
   /// Asked before the first and between the pieces of a text, with no lock held; may block. A
   /// non-zero result ends the text with an empty wave. May be null.
   int (*beforePiece)(QS_StreamUserData& userData) = nullptr;
-  /// Asked with `voiceMutex` held, just before Flite is called; must not block. True gives the
-  /// voice back at once and ends the text with an empty wave. May be null.
+  /// Asked with `voiceMutex` held, just before Flite is called, and while that is waited for, at
+  /// first and after each `voiceMutex.wake()`; must not block. True gives the voice or the wait for
+  /// it up at once and ends the text with an empty wave. May be null.
   bool (*abandoned)(const QS_StreamUserData& userData) = nullptr;
+  /// Does nobody wait to hear it? Then speech goes first.
+  bool background = false;
+  /// Asked before `beforePiece`: is that going to wait? Background work may have the voice in that
+  /// time, and no other between the pieces. Must not block. May be null: it does not wait.
+  bool (*waitsBeforePiece)(const QS_StreamUserData& userData) = nullptr;
 };
 
 /// The engine's chunk callback, as Flite defines it: the wave under construction, the index of the
@@ -37,13 +43,9 @@ struct QS_StreamUserData {
 using StreamCallback = int (*)(const cst_wave* wave, int start, int size, int last,
                                cst_audio_streaming_info* info);
 
-/// Held around every Flite call and the voice features that belong to it: one synthesis at a time
-/// in the whole process. A text of several pieces gives it back between them.
-extern platform::Mutex voiceMutex;
-
-/// Initialises Flite, registers the voice and loads the lexicon addenda. Takes `voiceMutex`, so it
-/// may wait for one piece of a synthesis. Main thread, once for each cycle of the service. What
-/// fails is logged; without a voice nothing is synthesised from then on.
+/// Initialises Flite, registers the voice and loads the lexicon addenda. Takes `voiceMutex` as
+/// background work does. Main thread, once for each cycle of the service. What fails is logged;
+/// without a voice nothing is synthesised from then on.
 void qs_flite_init();
 
 /// Chooses the voice for a request: 0 the one that the property names, or, once a file was
@@ -60,11 +62,12 @@ int qs_fetch_speed(const QS_StreamUserData* userData);
 
 /// Synthesises `text` into a RIFF WAVE file at `path`, which `openOutputFile` opens (empty: none is
 /// written). Blocks for the whole synthesis; any thread.
-/// `stop`, where given, ends it at the next chunk: nothing is written then and the result is -2; it
-/// does not end a wait for the voice (one piece of another text), and comes too late once the file
-/// is begun. `reserved` is not used.
-/// 0 done, also where the file could not be written (which is logged) or there is no voice; -2
-/// where Flite produced no wave.
+/// Gives way to speech: the piece under way when a text is to be spoken is given up at its next
+/// chunk and made anew afterwards. `stop`, where given, ends it at the next chunk, or its wait for
+/// the voice, where whoever sets it calls `voiceMutex.wake()` afterwards: nothing is written then
+/// and the result is -2. It comes too late once the file is begun. `reserved` is not used. 0 done,
+/// also where the file could not be written (which is logged) or there is no voice; -2 where Flite
+/// produced no wave.
 int qs_flite_tts_file(const std::string& text, const std::string& path, int reserved,
                       const std::atomic<bool>* stop = nullptr);
 

@@ -19,7 +19,8 @@ std::vector<short> samplesOf(const cst_wave* wave) {
 
 std::vector<short> fliteAlone(const std::string& text, float stretch) {
   cst_voice* voice = qs_ns::qs_fetch_voice(0);
-  const platform::MutexLock lock(qs_ns::voiceMutex);
+  qs_ns::voiceMutex.lock();
+  const qs_ns::VoiceHold hold(qs_ns::voiceMutex);
   feat_set_float(voice->features, "duration_stretch", stretch);
   const qs_ns::Wave wave(flite_text_to_wave(text.c_str(), voice));
   return samplesOf(wave.get());
@@ -39,6 +40,6 @@ std::vector<short> fliteInPieces(const std::string& text, float stretch) {
 extern "C" int rand() noexcept {
   auto& noise = test::noise();
   ++noise.drawn;
-  if (noise.left >= 0 && noise.left-- == 0) noise.stop = true;
+  if (noise.left >= 0 && noise.left-- == 0) noise.then();
   return 1;
 }

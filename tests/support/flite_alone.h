@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -9,12 +10,12 @@
 namespace test {
 
 /// The voice draws its noise from rand(), which in a program with this file always gives the same
-/// number, so that one text always sounds the same. Once `left` samples of noise are drawn, `stop`
-/// is set.
+/// number, so that one text always sounds the same. Once `left` samples of noise are drawn, `then`
+/// is called, on the thread that synthesises.
 struct Noise {
   std::atomic<long> drawn{0};
   std::atomic<long> left{-1};
-  std::atomic<bool> stop{false};
+  std::function<void()> then;  // not to be changed during a synthesis
 };
 Noise& noise();
 

@@ -116,6 +116,19 @@ TEST(CacheThread, TriesAPhraseAgainAfterEveryFailureAndEndsWhereverAStopFindsIt)
   }
 }
 
+// Were it to wait on, the test would run out of time.
+TEST(CacheThread, WaitsForTheVoiceBehindSpeechUntilItIsStopped) {
+  Scene scene;
+  qs_ns::voiceMutex.beginSpeech();
+  const int waits = waitsBegun().value();
+  scene.controller.restart();
+  waitsBegun().await(waits + 1);
+  scene.controller.builder()->stopThread();
+  scene.controller.line.joinAll();
+  qs_ns::voiceMutex.endSpeech();
+  EXPECT_EQ(scene.speech.texts.size(), 1U);
+}
+
 TEST(CacheThread, KeepsOutAPhraseThatAReloadOvertakesOnTheWayToTheCache) {
   Scene scene;
   const auto old = scene.controller.makeBuilder();

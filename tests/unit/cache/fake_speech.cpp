@@ -44,7 +44,11 @@ qs_ns::Wave FakeSpeech::synthesise(const char* text, qs_ns::StreamCallback callb
 qs_ns::Wave FakeSpeech::speak(int number, char sample, qs_ns::StreamCallback callback,
                               qs_ns::QS_StreamUserData& userData) {
   at(number, Stage::start);
-  if (userData.abandoned(userData)) return makeWave(0, 0);
+  const auto urgency = userData.background ? qs_ns::Urgency::background : qs_ns::Urgency::speech;
+  const auto abandoned = [&] { return userData.abandoned(userData); };
+  if (!qs_ns::voiceMutex.take(urgency, abandoned)) return makeWave(0, 0);
+  const qs_ns::VoiceHold hold(qs_ns::voiceMutex);
+  if (abandoned()) return makeWave(0, 0);
   const Outcome ending = outcome(number);
   if (ending == Outcome::null) return nullptr;
   qs_ns::Wave wave = makeWave(kSamples, sample);

@@ -21,9 +21,9 @@ enum class Outcome { whole, empty, null };
 qs_ns::Wave makeWave(int samples, short value);
 
 /// The speech engine of this program: every text gives three chunks of its first character, but the
-/// very last sample is the number of the synthesis. Keeps the real one's promises about the hooks,
-/// the callback and what comes back of an abandoned text. One exists at a time; set it up before
-/// its callers run.
+/// very last sample is the number of the synthesis. Keeps the real one's promises about the voice,
+/// the hooks, the callback and what comes back of an abandoned text. One exists at a time; set it
+/// up before its callers run.
 class FakeSpeech {
  public:
   static constexpr int kChunk = 480;

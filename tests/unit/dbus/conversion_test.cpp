@@ -80,14 +80,16 @@ TEST_F(Conversions, SynthesiseOneAtATimeInTheirOrderAndReportEachResult) {
 }
 
 TEST_F(Conversions, EndWhenAskedBothWaitingAndSynthesisingAndReportThat) {
-  test::Gate running;
-  synthesise = [&](const std::string&, const std::atomic<bool>& stop) {
-    running.pass();
-    return stop ? -2 : 0;
+  // The engine's wait for the voice.
+  qs_ns::voiceMutex.lock();
+  const qs_ns::VoiceHold hold(qs_ns::voiceMutex);
+  synthesise = [](const std::string&, const std::atomic<bool>& stop) {
+    EXPECT_FALSE(qs_ns::voiceMutex.take(qs_ns::Urgency::background, [&] { return stop.load(); }));
+    return -2;
   };
+  int waits = test::waitsBegun().value();
   QS_ConvertTTSThread& synthesising = add("synthesising");
-  running.awaitArrival();
-  const int waits = test::waitsBegun().value();
+  test::waitsBegun().await(++waits);
   QS_ConvertTTSThread& waiting = add("waiting");
   test::waitsBegun().await(waits + 1);
   waiting.stop();
@@ -95,7 +97,6 @@ TEST_F(Conversions, EndWhenAskedBothWaitingAndSynthesisingAndReportThat) {
   ASSERT_EQ(reports.all.size(), 1U) << "one that waits ends while another synthesises";
   EXPECT_EQ(reports.all[0].result, -2);
   synthesising.stop();
-  running.open();
   synthesising.join();
   ASSERT_EQ(reports.all.size(), 2U);
   EXPECT_TRUE(reports.all[0].stopped);

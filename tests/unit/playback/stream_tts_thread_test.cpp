@@ -168,6 +168,19 @@ TEST_F(Streaming, AStopDuringASynthesisAbandonsItAndReportsOne) {
   EXPECT_TRUE(cache->added.empty()) << "half a text must not be kept";
 }
 
+// Were it to wait on, the test would run out of time.
+TEST_F(Streaming, AStopEndsTheWaitForTheVoice) {
+  qs_ns::voiceMutex.lock();
+  make({"P", "Z"});
+  test::Background run([&] { stream->executeStream(); });
+  EXPECT_FALSE(run.endsWithoutSleep());
+  stream->stopThread();
+  run.get();
+  qs_ns::voiceMutex.unlock();
+  EXPECT_EQ(destroy(), std::vector<int>{1});
+  EXPECT_EQ(speech.texts, Texts{"P"});
+}
+
 TEST_F(Streaming, AStopWhileTheWriterIsBeingCreatedReportsOneResultAndSoundsNothing) {
   const test::ScratchFolder folder;
   const std::string alert = folder / "alert.raw";
@@ -244,6 +257,27 @@ TEST_F(Streaming, NoTextBeginsWhileTwentySecondsWaitUnlessItIsStopped) {
     EXPECT_EQ(destroy().back(), stops ? 1 : 0);
     EXPECT_EQ(speech.texts, Texts{"P"}) << "of the one that was not stopped";
   }
+}
+
+TEST_F(Streaming, SaysThatTheNextPieceWaitsOnceTwentySecondsDo) {
+  test::Gate firstFrame;
+  controller.media.onFrame = [&](int frame) {
+    if (frame == 1) firstFrame.pass();
+  };
+  speech.at = [&](int, Stage stage) {
+    if (stage != Stage::start) return;
+    const auto waits = [&] { return speech.lastUserData.waitsBeforePiece(speech.lastUserData); };
+    const std::vector<std::int16_t> sound(20 * qs_ns::kSpeechRate + 1);
+    stream->writeToMS(0, static_cast<int>(sound.size()), sound.data(), 0);
+    firstFrame.awaitArrival();
+    EXPECT_FALSE(waits()) << "the writer has it";
+    stream->writeToMS(0, static_cast<int>(sound.size()), sound.data(), 0);
+    EXPECT_TRUE(waits());
+    stream->stopThread();
+    firstFrame.open();
+  };
+  make({"P"});
+  EXPECT_EQ(finish(), std::vector<int>{1});
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/unique_fd.h"
+#include "support/background.h"
 #include "support/file_size_limit.h"
 #include "support/flite_alone.h"
 #include "support/scratch_folder.h"
@@ -122,17 +123,51 @@ TEST_F(FileSynthesis, LogsAFileThatCannotBeWrittenToItsEnd) {
   }
 }
 
+// Neither in the first nor in the last sample of a piece, nor before the first chunk.
+constexpr long kNoiseBeforeSpeech = 20000;
+constexpr long kNoiseOfAChunk = 1000;
+
 TEST_F(FileSynthesis, EndsBeforeFliteOrAtItsNextChunkWhereItIsStopped) {
-  const std::atomic<bool> stopped{true};
+  std::atomic<bool> stopped{true};
   test::noise().drawn = 0;
   EXPECT_EQ(qs_flite_tts_file(kText, path, 0, &stopped), -2);
   EXPECT_EQ(test::noise().drawn, 0);
 
-  constexpr long kNoiseBeforeStop = 20000;
-  test::noise().left = kNoiseBeforeStop;
-  EXPECT_EQ(qs_flite_tts_file(kHeavy, path, 0, &test::noise().stop), -2);
-  EXPECT_LE(test::noise().drawn, kNoiseBeforeStop + 1000) << "more than a chunk later";
+  stopped = false;
+  test::noise().then = [&] { stopped = true; };
+  test::noise().left = kNoiseBeforeSpeech;
+  EXPECT_EQ(qs_flite_tts_file(kHeavy, path, 0, &stopped), -2);
+  EXPECT_LE(test::noise().drawn, kNoiseBeforeSpeech + kNoiseOfAChunk) << "more than a chunk later";
   EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(FileSynthesis, GivesWayToSpeechAndGoesOnWithoutATraceOfItUnlessItIsStopped) {
+  for (const std::string& text : {kText, kHeavy}) {
+    const std::vector<short> wave = test::fliteInPieces(text);
+    const std::string bytes(reinterpret_cast<const char*>(wave.data()), 2 * wave.size());
+    for (const bool stops : {false, true}) {
+      SCOPED_TRACE(text.size() + (stops ? 1 : 0));
+      std::filesystem::remove(path);
+      std::atomic<bool> stopped{false};
+      test::noise().then = [] { qs_ns::voiceMutex.beginSpeech(); };
+      test::noise().drawn = 0;
+      const long before = text == kText ? 5000 : kNoiseBeforeSpeech;
+      test::noise().left = before;
+      test::Background file([&] { return qs_flite_tts_file(text, path, 0, &stopped); });
+      EXPECT_FALSE(file.endsWithoutSleep());
+      EXPECT_LE(test::noise().drawn, before + kNoiseOfAChunk) << "more than a chunk later";
+      stopped = stops;
+      if (stops) {
+        qs_ns::voiceMutex.wake();
+        EXPECT_EQ(file.get(), -2);
+        EXPECT_FALSE(std::filesystem::exists(path));
+      }
+      qs_ns::voiceMutex.endSpeech();
+      if (stops) continue;
+      EXPECT_EQ(file.get(), 0);
+      EXPECT_TRUE(test::readFile(path).substr(kHeaderBytes) == bytes);
+    }
+  }
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ const std::string kHeavyWithEmptyChunk = heavyText("fourth");
 
 /// A caller of the engine that keeps what it was told and answers as a test wants.
 struct Listener {
-  QS_StreamUserData userData{this, 3, 0, beforePiece, abandoned};
+  QS_StreamUserData userData{this, 3, 0, beforePiece, abandoned, false, waits};
   std::vector<short> heard;
   int calls = 0;
   int lasts = 0;
@@ -42,6 +42,7 @@ struct Listener {
   int stopsAtCall = -1;
   int endsBeforePiece = -1;
   int abandonsPiece = -1;
+  bool hasTime = false;
   std::function<void()> betweenPieces = [] {};
 
   Wave listenTo(const std::string& text) {
@@ -57,6 +58,7 @@ struct Listener {
   static bool abandoned(const QS_StreamUserData& data) {
     return ++of(data).voicesHeld == of(data).abandonsPiece;
   }
+  static bool waits(const QS_StreamUserData& data) { return of(data).hasTime; }
   static int onChunk(const cst_wave* wave, int start, int size, int last,
                      cst_audio_streaming_info* info) {
     Listener& self = of(*static_cast<QS_StreamUserData*>(info->userdata));
@@ -191,6 +193,21 @@ TEST_F(SpeechEngine, LeavesTheVoiceToOthersBetweenPieces) {
   slow.betweenPieces = [&] { between = test::Background([] { return speakAt(5, kShort); }).get(); };
   EXPECT_EQ(samplesOf(slow.listenTo(kHeavy).get()), fliteInPieces(kHeavy, 1.0F));
   EXPECT_EQ(between, fliteAlone(kShort, 0.5F));
+}
+
+TEST_F(SpeechEngine, KeepsBackgroundWorkAwayUntilATextIsSpokenOrWaits) {
+  const struct {
+    bool background, hasTime, wanted;
+  } rows[] = {{false, false, true}, {false, true, false}, {true, false, false}};
+  for (const auto& row : rows) {
+    Listener listener;
+    listener.userData.background = row.background;
+    listener.hasTime = row.hasTime;
+    listener.betweenPieces = [&] { EXPECT_EQ(voiceMutex.isWantedBySpeech(), row.wanted); };
+    listener.listenTo(kHeavy);
+    EXPECT_EQ(listener.piecesAsked, 2);
+    EXPECT_FALSE(voiceMutex.isWantedBySpeech());
+  }
 }
 
 TEST_F(SpeechEngine, SpeaksOneTextAtATime) {
