@@ -1,7 +1,9 @@
 #include "tts/utterance_pieces.h"
 
 #include <algorithm>
+#include <initializer_list>
 
+#include "tts/sentence_end.h"
 #include "tts/utf8.h"
 
 namespace qs_ns {
@@ -71,53 +73,78 @@ class Scale {
   bool spelled = true;
 };
 
-/// Where a piece could end, best last: each the latest place of its kind, 0 for none.
+/// Where a piece could end; 0 for nowhere.
 struct Cuts {
   std::size_t character = 0;
   std::size_t word = 0;
   std::size_t clause = 0;
   std::size_t sentence = 0;
+  // And of these:
+  std::size_t firstSentence = 0;
+  std::size_t lightClause = 0;    // the last one before the piece grows heavy for speech
+  std::size_t lightSentence = 0;  // likewise
 
-  void noteTokenEnd(std::size_t at, char mark) {
+  void noteTokenEnd(std::size_t at, std::size_t weight, bool endsClause, bool endsSentence) {
+    const bool light = weight <= kLongSentenceWeight;
     word = at;
-    if (mark == ',' || mark == ';' || mark == ':') clause = at;
-    if (mark == '.' || mark == '!' || mark == '?') sentence = at;
+    if (endsClause) clause = at;
+    if (endsClause && light) lightClause = at;
+    if (endsSentence) sentence = at;
+    if (endsSentence && light) lightSentence = at;
+    if (endsSentence && firstSentence == 0) firstSentence = at;
   }
 
-  std::size_t best() const {
-    for (const std::size_t cut : {sentence, clause, word})
-      if (cut != 0) return cut;
-    return character;
+  /// The last place of the best kind.
+  std::size_t best() const { return firstOf({sentence, clause, word, character}); }
+  /// Where speech begins, and where it goes on.
+  std::size_t bestOfStart() const {
+    if (lightSentence != 0) return firstSentence;
+    return firstOf({lightClause, firstSentence, best()});
+  }
+  std::size_t bestOfRest() const { return firstOf({lightSentence, firstSentence, best()}); }
+
+ private:
+  static std::size_t firstOf(std::initializer_list<std::size_t> cuts) {
+    return *std::find_if(cuts.begin(), cuts.end() - 1, [](std::size_t cut) { return cut != 0; });
   }
 };
 
-/// What a token ends with, behind whose closing quotes and brackets a sentence may have ended.
-char markAfter(char mark, char next) {
-  constexpr std::string_view kClosers = "\"')]}";
-  return kClosers.find(next) != std::string_view::npos ? mark : next;
-}
-
-/// How long the first piece of `text` is, which neither begins nor ends with a blank. Looks at no
-/// more than `maxWeight` + 1 characters, so that all pieces together take linear time.
-std::size_t firstPieceLength(std::string_view text, std::size_t maxWeight) {
+/// Where the first piece of `text` could end, which neither begins nor ends with a blank. Looks at
+/// no more than `maxWeight` + 1 characters, so that all pieces together take linear time.
+Cuts cutsIn(std::string_view text, std::size_t maxWeight) {
   Scale scale;
   Cuts cuts;
-  char mark = ' ';
+  cuts.character = firstCharacter(text).bytes;
   std::size_t at = 0;
+  std::size_t token = 0;
+  bool heard = false;
+  const auto noteTokenEnd = [&] {
+    const std::string_view ended = text.substr(token, at - token);
+    cuts.noteTokenEnd(at, scale.weight(), endsClause(ended),
+                      heard && endsSentence(ended, text.substr(at)));
+  };
   while (at < text.size() && scale.leastWeight() <= maxWeight) {
     const Character next = firstCharacter(text.substr(at));
-    if (next.kind == Kind::blank) {
-      if (mark != ' ' && scale.weight() <= maxWeight) cuts.noteTokenEnd(at, mark);
-      mark = ' ';
-    } else {
-      mark = markAfter(mark == ' ' ? '\0' : mark, text[at]);
-    }
+    const bool isToken = next.kind != Kind::blank;
+    if (!isToken && token != at && scale.weight() <= maxWeight) noteTokenEnd();
+    if (isToken && next.kind != Kind::punctuation) heard = true;
     scale.add(next.kind);
     at += next.bytes;
+    if (!isToken) token = at;
     if (scale.weight() <= maxWeight) cuts.character = at;
   }
-  if (cuts.character == text.size()) return text.size();
-  return std::max(cuts.best(), firstCharacter(text).bytes);
+  if (cuts.character == text.size()) cuts.noteTokenEnd(at, scale.weight(), false, true);
+  return cuts;
+}
+
+/// Is there anything in it about which the voice is not silent?
+bool sounds(std::string_view text) {
+  while (!text.empty()) {
+    const Character next = firstCharacter(text);
+    if (next.kind != Kind::blank && next.kind != Kind::punctuation) return true;
+    text.remove_prefix(next.bytes);
+  }
+  return false;
 }
 
 std::string_view withoutOuterBlanks(std::string_view text) {
@@ -126,6 +153,13 @@ std::string_view withoutOuterBlanks(std::string_view text) {
   while (!text.empty() && isBlank(text.back()))
     text.remove_suffix(1);
   return text;
+}
+
+/// Cuts the first `length` bytes off `rest`, and the blanks behind them.
+std::string_view takeFront(std::string_view& rest, std::size_t length) {
+  const std::string_view front = rest.substr(0, length);
+  rest = withoutOuterBlanks(rest.substr(length));
+  return front;
 }
 
 }  // namespace
@@ -145,12 +179,24 @@ std::vector<std::string_view> cutIntoPieces(std::string_view text, std::size_t m
   std::vector<std::string_view> pieces;
   std::string_view rest = withoutOuterBlanks(text);
   while (!rest.empty()) {
-    const std::size_t length = firstPieceLength(rest, maxWeight);
-    pieces.push_back(rest.substr(0, length));
-    rest = withoutOuterBlanks(rest.substr(length));
+    pieces.push_back(takeFront(rest, cutsIn(rest, maxWeight).best()));
   }
   if (pieces.empty()) pieces.push_back(text.substr(0, maxWeight));
   return pieces;
+}
+
+std::vector<std::string_view> cutForSpeech(std::string_view text, std::size_t maxWeight) {
+  std::vector<std::string_view> pieces;
+  std::string_view rest = withoutOuterBlanks(text);
+  while (!rest.empty()) {
+    const Cuts cuts = cutsIn(rest, maxWeight);
+    const std::size_t length = pieces.empty() ? cuts.bestOfStart() : cuts.bestOfRest();
+    const std::string_view piece = takeFront(rest, length);
+    if (sounds(piece)) pieces.push_back(piece);
+  }
+  // One piece is the text as it is, and marks alone are in nobody's way.
+  if (pieces.size() < 2 && textWeight(text) <= maxWeight) return {text};
+  return pieces.empty() ? cutIntoPieces(text, maxWeight) : pieces;
 }
 
 }  // namespace qs_ns

@@ -55,6 +55,75 @@ TEST(Pieces, AreCutAtSentencesElseClausesElseWordsElseCharacters) {
     EXPECT_EQ(cutIntoPieces(row.text, 20), row.pieces) << row.text;
 }
 
+TEST(Pieces, EndWithASentenceButNotWithAnAbbreviationOrAnInitial) {
+  const std::pair<const char*, bool> rows[] = {
+      {"It rains. It pours.", true},
+      {"Go! Now.", true},
+      {"Why? So.", true},
+      {"He said \"no.\" Then", true},
+      {"(It rains.) It pours.", true},
+      {"Well... yes", true},
+      {"Wait for 5. Go", true},
+      {"It's five o'clock, isn't it's. So", true},
+      {"Say no. Then go", true},
+      {"Dr. Smith", false},
+      {"MRS. Smith", false},
+      {"Say \"St. Ives\"", false},
+      {"J. S. Bach", false},
+      {"see e.g. this", false},
+      {"(i.e. that)", false},
+      {"in the U.S. Army", false},
+      {"about 3.5 litres", false},
+      {"Room No. 5", false},
+      {"on Jan.  5", false},
+      {"a, b; c: d", false},
+      {"mail a.b@c.de now", false},
+      {"... so it is", false},
+      {"It rains. ...", false},
+      {"It rains. \" ) !", false},
+  };
+  for (const auto& [text, cut] : rows)
+    EXPECT_EQ(cutForSpeech(text).size(), cut ? 2U : 1U) << text;
+}
+
+TEST(Pieces, OfSpeechBeginWithOneSentenceOrAClauseOfALongOneAndGoOnWithWholeSentences) {
+  const std::string word = "word ";
+  const auto words = [&](int count) {  // without a blank at the end
+    std::string all;
+    while (count-- > 0)
+      all += word;
+    return all.substr(0, all.size() - 1);
+  };
+  const std::string shortOne = words(4) + ".";  // weighs 20
+  const std::string light = words(20) + ".";    // weighs 100
+  const std::string clauses = words(4) + ", " + words(8) + ", " + words(20) + ".";
+  const std::string heavy = words(30) + ".";
+  const std::string endless = words(50) + ".";  // cut as if there were nobody to wait
+  const struct {
+    std::vector<std::string> sentences, pieces;
+  } rows[] = {
+      {{" " + light + " "}, {" " + light + " "}},
+      {{heavy}, {heavy}},
+      {{light, light}, {light, light}},
+      {{shortOne, shortOne, shortOne, shortOne, shortOne},
+       {shortOne, shortOne + " " + shortOne + " " + shortOne + " " + shortOne}},
+      {{shortOne, light, shortOne}, {shortOne, light, shortOne}},
+      {{shortOne, heavy, shortOne}, {shortOne, heavy, shortOne}},
+      {{clauses}, {words(4) + ", " + words(8) + ",", words(20) + "."}},
+      {{shortOne, clauses}, {shortOne, clauses}},
+      {{shortOne, endless}, {shortOne, words(40), words(10) + "."}},
+      {{"... Hello.", "...", "World!", "!", "?"}, {"... Hello.", "... World! ! ?"}},
+      {{"Hello.", std::string(100, '.') + " " + std::string(150, '!')}, {"Hello."}},
+  };
+  for (const auto& row : rows) {
+    std::string text;
+    for (const std::string& sentence : row.sentences)
+      text += (text.empty() ? "" : " ") + sentence;
+    const Pieces pieces = cutForSpeech(text);
+    EXPECT_EQ(std::vector<std::string>(pieces.begin(), pieces.end()), row.pieces) << text;
+  }
+}
+
 std::string withoutBlanks(std::string_view text) {
   std::string rest(text);
   std::erase_if(rest, isBlank);
@@ -84,6 +153,17 @@ TEST(Pieces, LoseNothingAndOutweighNothingWhateverTheText) {
       joined += withoutBlanks(piece);
     }
     ASSERT_EQ(joined, withoutBlanks(text));
+
+    const char* end = text.data();
+    for (const std::string_view piece : cutForSpeech(text, maxWeight)) {
+      ASSERT_LE(textWeight(piece), maxWeight);
+      // What lies between two pieces is silent, as what is left of the text is.
+      ASSERT_GE(piece.data(), end);
+      const std::string_view left(end, static_cast<std::size_t>(piece.data() - end));
+      ASSERT_EQ(left.find_first_not_of(" \n.?!,"), std::string_view::npos);
+      end = piece.data() + piece.size();
+    }
+    ASSERT_EQ(std::string_view(end).find_first_not_of(" \n.?!,"), std::string_view::npos);
   }
 }
 
