@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/property_store.h"
+#include "tts/join_pause.h"
 #include "tts/text_guard.h"
 #include "tts/utterance_pieces.h"
 #include "tts/wave_file.h"
@@ -145,8 +146,8 @@ Wave speakUtterance(const Job& job, const std::string& text, StreamCallback call
 }
 
 /// Speaks the pieces of a text one after the other and makes one growing wave of them, which is all
-/// that the caller's callback sees. A piece of a file gives way to speech, leaves no trace and is
-/// made anew.
+/// that the caller's callback sees. The joins of what is streamed are shortened. A piece of a file
+/// gives way to speech, leaves no trace and is made anew.
 class PieceJoiner {
  public:
   explicit PieceJoiner(const Job& theJob) : job(theJob) { joined->num_channels = 1; }
@@ -162,11 +163,12 @@ class PieceJoiner {
 
   int take(const cst_wave& wave, int start, int size, int last,
            const cst_audio_streaming_info& info);
-  bool append(const cst_wave& wave, int start, int size);
+  bool append(const short* samples, int count);
 
   const Job& job;
   Wave joined{new_wave()};
   int capacity = 0;
+  JoinPause pause;
   bool atLastPiece = false;
   bool stopped = false;
   bool gaveWay = false;
@@ -179,6 +181,7 @@ Wave PieceJoiner::speak(const std::vector<std::string_view>& pieces, const Speec
     const Wave part = speakPiece(std::string(piece));
     if (!part) return nullptr;
     if (stopped || part->num_samples == 0) return emptyWave();
+    if (!job.toFile) pause.endPiece(*part);
   }
   return std::move(joined);
 }
@@ -198,47 +201,59 @@ int PieceJoiner::take(const cst_wave& wave, int start, int size, int last,
   gaveWay = job.toFile && last == 0 && voiceMutex.isWantedBySpeech();
   if (gaveWay) return CST_AUDIO_STREAM_STOP;
   const int joinedStart = joined->num_samples;
-  if (!append(wave, start, size)) stopped = true;
+  joined->sample_rate = wave.sample_rate;
+  const JoinPause::Samples next = pause.cut(wave, start, size);
+  if (!append(nullptr, next.silence) || !append(wave.samples + next.start, next.count))
+    stopped = true;
+  const int added = joined->num_samples - joinedStart;
   const bool ends = atLastPiece && last != 0;
-  if (!stopped && job.callback != nullptr && (size > 0 || ends)) {
+  if (!stopped && job.callback != nullptr && (added > 0 || ends)) {
     cst_audio_streaming_info callersInfo = info;
     callersInfo.asc = job.callback;
     callersInfo.userdata = job.userData;
-    const int answer = job.callback(joined.get(), joinedStart, size, ends ? last : 0, &callersInfo);
+    const int answer =
+        job.callback(joined.get(), joinedStart, added, ends ? last : 0, &callersInfo);
     // A stop that comes with the very last samples finds nothing left to stop, as in Flite.
     stopped = answer != CST_AUDIO_STREAM_CONT && !ends;
   }
   return stopped ? CST_AUDIO_STREAM_STOP : CST_AUDIO_STREAM_CONT;
 }
 
-/// False where Flite's int cannot count the bytes any more (18 hours of speech).
-bool PieceJoiner::append(const cst_wave& wave, int start, int size) {
+/// Appends zeros where `samples` is null. False where Flite's int cannot count the bytes any more
+/// (18 hours of speech).
+bool PieceJoiner::append(const short* samples, int count) {
   constexpr int kMaxSamples = INT_MAX / static_cast<int>(sizeof(short));
-  if (size > kMaxSamples - joined->num_samples) return false;
-  const int needed = joined->num_samples + size;
+  if (count > kMaxSamples - joined->num_samples) return false;
+  const int needed = joined->num_samples + count;
   if (needed > capacity) {
     const int grown = capacity < kMaxSamples / 2 ? capacity + capacity / 2 : kMaxSamples;
     capacity = std::max(needed, grown);
     joined->samples = static_cast<short*>(
         cst_safe_realloc(joined->samples, capacity * static_cast<int>(sizeof(short))));
   }
-  std::copy_n(wave.samples + start, size, joined->samples + joined->num_samples);
+  short* const end = joined->samples + joined->num_samples;
+  if (samples != nullptr)
+    std::copy_n(samples, count, end);
+  else
+    std::fill_n(end, count, short{0});
   joined->num_samples = needed;
-  joined->sample_rate = wave.sample_rate;
   return true;
 }
 
 /// A text is light or heavy as it was received. The blanks that the guard puts into a long token
 /// can add to its weight but not to its sound; and a long run that it cuts is gone before the
 /// pieces are.
-std::vector<std::string_view> piecesOf(std::string_view received, std::string_view safe) {
-  if (textWeight(received) <= kMaxPieceWeight) return {safe};
-  return cutIntoPieces(safe);
+std::vector<std::string_view> piecesOf(const Job& job, std::string_view received,
+                                       std::string_view safe) {
+  const bool light = textWeight(received) <= kMaxPieceWeight;
+  const std::size_t maxWeight =
+      light ? std::max(kMaxPieceWeight, textWeight(safe)) : kMaxPieceWeight;
+  return job.toFile ? cutIntoPieces(safe, maxWeight) : cutForSpeech(safe, maxWeight);
 }
 
 Wave speakText(const Job& job, const char* text) {
   const std::string safeText = guardText(text);
-  const std::vector<std::string_view> pieces = piecesOf(text, safeText);
+  const std::vector<std::string_view> pieces = piecesOf(job, text, safeText);
   const SpeechClaim claim(job.urgency());
   if (pieces.size() > 1 || job.toFile) return PieceJoiner(job).speak(pieces, claim);
   if (claim.endsBeforePiece(job)) return emptyWave();

@@ -57,8 +57,9 @@ cst_voice* qs_fetch_voice(int requestedVoice);
 /// property store.
 int qs_fetch_speed(const QS_StreamUserData* userData);
 
-// Both ways of synthesis pass the text through `guardText`, and one that is still heavier than an
-// utterance may be is spoken in pieces, each with its own hold of the voice.
+// Both ways of synthesis pass the text through `guardText`, and may speak it in pieces, each with
+// its own hold of the voice: into a file one that is heavier than an utterance may be
+// (`cutIntoPieces`), as a stream every sentence (`cutForSpeech`).
 
 /// Synthesises `text` into a RIFF WAVE file at `path`, which `openOutputFile` opens (empty: none is
 /// written). Blocks for the whole synthesis; any thread.
@@ -73,10 +74,10 @@ int qs_flite_tts_file(const std::string& text, const std::string& path, int rese
 
 /// Synthesises `text` (not null) and hands its samples to `callback` (may be null) as they are
 /// produced; blocks until all are, for the voice while another text has it, and in the hooks. Any
-/// thread. A text of several pieces reaches the callback as one growing wave. Returns the whole
-/// wave where `wantWave`, with 0 samples where the text was ended by a hook or by the callback (but
-/// for its last call, after which nothing is left to end); null without `wantWave`, without a
-/// voice, or where Flite failed.
+/// thread. A text of several pieces reaches the callback as one growing wave, with shortened
+/// pauses. Returns the whole wave where `wantWave`, with 0 samples where the text was ended by a
+/// hook or by the callback (but for its last call, after which nothing is left to end); null
+/// without `wantWave`, without a voice, or where Flite failed.
 Wave qs_flite_tts_stream(const char* text, StreamCallback callback, QS_StreamUserData* userData,
                          bool wantWave);
 

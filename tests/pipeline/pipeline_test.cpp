@@ -1,10 +1,13 @@
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "cache/builder_line.h"
+#include "cache/cache_thread.h"
 #include "dsp/pfir.h"
 #include "playback/message_queue_thread.h"
 #include "support/fakes.h"
@@ -105,6 +108,24 @@ TEST_F(Pipeline, JoinsTextsWithoutTheFirstChunkOfALaterOne) {
   Expected expected;
   expected.speak(speech);
   EXPECT_EQ(play({"first", "second"}), expected.heard());
+}
+
+TEST_F(Pipeline, PlaysSentencesWithShortenedPausesAlsoFromTheCache) {
+  const std::string first = "Half of it is off, as he said.";
+  const std::string second = "Now thank both of them.";
+  qs_ns::QS_StreamUserData userData;
+  const Samples joined = test::samplesOf(
+      qs_ns::qs_flite_tts_stream((first + " " + second).c_str(), nullptr, &userData, true).get());
+  test::expectJoined(joined, {fliteAlone(first), fliteAlone(second)});
+  Expected expected;
+  expected.speak(joined);
+  qs_ns::BuilderLine line;
+  controller.cache = std::make_shared<qs_ns::QS_CacheThread>(&controller, true, line);
+  EXPECT_EQ(play({first + " " + second}), expected.heard());
+  test::noise().drawn = 0;
+  EXPECT_EQ(play({first + " " + second}), expected.heard());
+  EXPECT_EQ(test::noise().drawn, 0) << "synthesised again";
+  controller.cache = nullptr;
 }
 
 TEST_F(Pipeline, TheAlertContinuesTheFiltersHistoryAtTheVolumeInForce) {

@@ -22,9 +22,13 @@ Noise& noise();
 /// The samples of a wave, none for null.
 std::vector<short> samplesOf(const cst_wave* wave);
 
-/// What Flite alone makes of a text as one utterance, and of the pieces into which it is cut. Takes
-/// the engine's voice.
+/// What Flite alone makes of a text as one utterance, and of the pieces into which it is cut for a
+/// file. Takes the engine's voice.
 std::vector<short> fliteAlone(const std::string& text, float stretch = 0.75F);
 std::vector<short> fliteInPieces(const std::string& text, float stretch = 0.75F);
+
+/// Expects of `heard` that it is the pieces' samples one after the other, but for near silence at
+/// the start of later ones, and that the pauses at the joins last 100 to 250 ms.
+void expectJoined(const std::vector<short>& heard, const std::vector<std::vector<short>>& pieces);
 
 }  // namespace test

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -16,20 +17,17 @@ namespace {
 
 using namespace qs_ns;
 using test::fliteAlone;
-using test::fliteInPieces;
 using test::samplesOf;
 
 const std::string kShort = "Incoming call from Ada.";
 
-std::string heavyText(const std::string& floor) {
-  return "The line was busy, so the call went to the mailbox of the " + floor +
-         " floor. One new message was left there at nine o'clock this morning! It says that the "
-         "meeting has been moved to the large room on the ground floor, where there is coffee.";
-}
-
-const std::string kHeavy = heavyText("second");  // two pieces
-// The last chunk that Flite makes of its first piece has no samples.
-const std::string kHeavyWithEmptyChunk = heavyText("fourth");
+const std::string kFirst = "The line was busy, so the call went to the mailbox.";
+const std::string kSecond = "One new message was left there at nine o'clock.";
+const std::string kThird = "Half of it is gone.";
+const std::string kTwo = kFirst + " " + kSecond;
+// The last chunk that Flite makes of it has no samples.
+const std::string kWithEmptyChunk =
+    "The line was busy, so the call went to the mailbox of the fifth floor.";
 
 /// A caller of the engine that keeps what it was told and answers as a test wants.
 struct Listener {
@@ -44,6 +42,7 @@ struct Listener {
   int abandonsPiece = -1;
   bool hasTime = false;
   std::function<void()> betweenPieces = [] {};
+  std::function<void()> onSecondPiece = [] {};  // at its first chunk
 
   Wave listenTo(const std::string& text) {
     return qs_flite_tts_stream(text.c_str(), onChunk, &userData, true);
@@ -70,6 +69,7 @@ struct Listener {
     EXPECT_TRUE(std::equal(self.heard.begin(), self.heard.end(), wave->samples));
     self.heard.insert(self.heard.end(), wave->samples + start, wave->samples + start + size);
     self.lasts += last != 0 ? 1 : 0;
+    if (self.piecesAsked == 2) std::exchange(self.onSecondPiece, [] {})();
     return ++self.calls == self.stopsAtCall ? CST_AUDIO_STREAM_STOP : CST_AUDIO_STREAM_CONT;
   }
 };
@@ -107,21 +107,37 @@ TEST_F(SpeechEngine, SpeaksATextAsOneStreamOfItsPieces) {
   const std::string longToken(kMaxPieceWeight, 'a');
   const struct {
     std::string text;
-    std::vector<short> expected;
-    int pieces;
-  } rows[] = {{kShort, fliteAlone(kShort), 1},
-              {heaviest, fliteAlone(heaviest), 1},
-              {longToken, fliteAlone(guardText(longToken)), 1},
-              {kHeavy, fliteInPieces(kHeavy), 2},
-              {kHeavyWithEmptyChunk, fliteInPieces(kHeavyWithEmptyChunk), 2}};
+    std::vector<std::string> pieces;
+  } rows[] = {{kShort, {kShort}},
+              {heaviest, {heaviest}},
+              {longToken, {guardText(longToken)}},
+              {kTwo + "  " + kThird, {kFirst, kSecond + "  " + kThird}},
+              {kWithEmptyChunk + " " + kSecond, {kWithEmptyChunk, kSecond}}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.text);
+    std::vector<std::vector<short>> pieces;
+    for (const std::string& piece : row.pieces)
+      pieces.push_back(fliteAlone(piece));
     Listener listener;
-    EXPECT_EQ(samplesOf(listener.listenTo(row.text).get()), row.expected);
-    EXPECT_EQ(listener.heard, row.expected);
+    const Wave wave = listener.listenTo(row.text);
+    test::expectJoined(listener.heard, pieces);
+    EXPECT_EQ(samplesOf(wave.get()), listener.heard);
     EXPECT_EQ(listener.lasts, 1);
-    EXPECT_EQ(listener.voicesHeld, row.pieces);
+    EXPECT_EQ(listener.voicesHeld, static_cast<int>(row.pieces.size()));
   }
+}
+
+// A wait for the whole of the second piece would be one for its 100 chunks.
+TEST_F(SpeechEngine, HandsOnALaterPieceAsSoonAsItSounds) {
+  Listener listener;
+  test::noise().drawn = 0;
+  long drawnBefore = 0;
+  listener.betweenPieces = [&] { drawnBefore = test::noise().drawn; };
+  listener.onSecondPiece = [&] {
+    EXPECT_LE(test::noise().drawn - drawnBefore, 200 * 16) << "samples, more than the near silence";
+  };
+  listener.listenTo(kTwo);
+  EXPECT_EQ(listener.piecesAsked, 2);
 }
 
 TEST_F(SpeechEngine, TakesItsSpeedFromTheRequestElseFromTheProperty) {
@@ -142,7 +158,7 @@ TEST_F(SpeechEngine, EndsWithAnEmptyWaveWhereTheCallbackOrAHookSaysSo) {
   Listener whole;
   int firstPiece = 0;
   whole.betweenPieces = [&] { firstPiece = whole.calls; };
-  whole.listenTo(kHeavy);
+  whole.listenTo(kTwo);
   const struct {
     int stopsAtCall, endsBeforePiece, abandonsPiece;
     int voicesHeld, calls;
@@ -163,7 +179,7 @@ TEST_F(SpeechEngine, EndsWithAnEmptyWaveWhereTheCallbackOrAHookSaysSo) {
     listener.endsBeforePiece = row.endsBeforePiece;
     listener.abandonsPiece = row.abandonsPiece;
     test::noise().drawn = 0;
-    const Wave wave = listener.listenTo(kHeavy);
+    const Wave wave = listener.listenTo(kTwo);
     ASSERT_NE(wave, nullptr);
     EXPECT_EQ(samplesOf(wave.get()).size(), row.samples);
     EXPECT_EQ(listener.calls, row.calls);
@@ -191,7 +207,8 @@ TEST_F(SpeechEngine, LeavesTheVoiceToOthersBetweenPieces) {
   slow.userData.speed = 1;
   std::vector<short> between;
   slow.betweenPieces = [&] { between = test::Background([] { return speakAt(5, kShort); }).get(); };
-  EXPECT_EQ(samplesOf(slow.listenTo(kHeavy).get()), fliteInPieces(kHeavy, 1.0F));
+  test::expectJoined(samplesOf(slow.listenTo(kTwo).get()),
+                     {fliteAlone(kFirst, 1.0F), fliteAlone(kSecond, 1.0F)});
   EXPECT_EQ(between, fliteAlone(kShort, 0.5F));
 }
 
@@ -204,19 +221,17 @@ TEST_F(SpeechEngine, KeepsBackgroundWorkAwayUntilATextIsSpokenOrWaits) {
     listener.userData.background = row.background;
     listener.hasTime = row.hasTime;
     listener.betweenPieces = [&] { EXPECT_EQ(voiceMutex.isWantedBySpeech(), row.wanted); };
-    listener.listenTo(kHeavy);
+    listener.listenTo(kTwo);
     EXPECT_EQ(listener.piecesAsked, 2);
     EXPECT_FALSE(voiceMutex.isWantedBySpeech());
   }
 }
 
 TEST_F(SpeechEngine, SpeaksOneTextAtATime) {
-  const auto expectedSlow = fliteInPieces(kHeavy, 1.0F);
-  const auto expectedFast = fliteInPieces(kHeavy, 0.5F);
-  test::Background slow([] { return speakAt(1, kHeavy); });
-  test::Background fast([] { return speakAt(5, kHeavy); });
-  EXPECT_EQ(slow.get(), expectedSlow);
-  EXPECT_EQ(fast.get(), expectedFast);
+  test::Background slow([] { return speakAt(1, kTwo); });
+  test::Background fast([] { return speakAt(5, kTwo); });
+  test::expectJoined(slow.get(), {fliteAlone(kFirst, 1.0F), fliteAlone(kSecond, 1.0F)});
+  test::expectJoined(fast.get(), {fliteAlone(kFirst, 0.5F), fliteAlone(kSecond, 0.5F)});
 }
 
 }  // namespace
