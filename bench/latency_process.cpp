@@ -70,7 +70,8 @@ struct Synthesis {
 Synthesis synthesise(const std::string& text) {
   constexpr float kUsualStretch = 0.75F;
   cst_voice* const voice = qs_ns::qs_fetch_voice(0);
-  const platform::MutexLock lock(qs_ns::voiceMutex);
+  qs_ns::voiceMutex.lock();
+  const qs_ns::VoiceHold hold(qs_ns::voiceMutex);
   feat_set_float(voice->features, "duration_stretch", kUsualStretch);
   const double before = processorMs(CLOCK_THREAD_CPUTIME_ID);
   qs_ns::Wave wave(flite_text_to_wave(text.c_str(), voice));

@@ -19,7 +19,7 @@ namespace test {
 
 /// Takes sound as fast as it comes and keeps it; `onFrame` is called on the writer with the number
 /// of each frame, from 1, before it is kept.
-class FakeMedia final : public qs_ns::QS_MediaInterfaceBase {
+class FakeMedia : public qs_ns::QS_MediaInterfaceBase {
  public:
   std::function<void(int)> onFrame = [](int) {};
   bool opens = true;

@@ -13,6 +13,7 @@ std::atomic<int> live{0};
 std::atomic<int> creationsUntilFailure{0};
 std::atomic<bool> endsAwaited{false};
 thread_local const void* lockedLast = nullptr;
+thread_local int locks = 0;
 
 // Written before the lock that it waits for, on that lock's thread or before that thread starts.
 std::atomic<const void*> awaitedMutex{nullptr};
@@ -52,6 +53,9 @@ void beforeNextLock(const void* mutex, std::function<void()> action) {
 const void* lastLocked() {
   return lockedLast;
 }
+int locksTaken() {
+  return locks;
+}
 Tally& waitsBegun() {
   static Tally tally;
   return tally;
@@ -88,6 +92,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     std::exchange(awaitedAction, nullptr)();
   }
   lockedLast = mutex;
+  ++locks;
   return __real_pthread_mutex_lock(mutex);
 }
 

@@ -19,8 +19,9 @@ void awaitEndOfThreads(bool awaited);
 /// Calls `action` on the thread that is the next to lock `mutex`, just before it has it.
 void beforeNextLock(const void* mutex, std::function<void()> action);
 
-/// The mutex that the calling thread locked last.
+/// The mutex that the calling thread locked last, and how often it has locked any.
 const void* lastLocked();
+int locksTaken();
 
 /// How often a thread has begun to wait on a condition without a deadline. It is counted with the
 /// mutex held that goes with the condition, so whoever has that next finds the thread waiting.

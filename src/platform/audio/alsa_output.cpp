@@ -66,9 +66,17 @@ int AlsaOutput::open(std::string& why) {
 /// its device has gone meanwhile.
 int AlsaOutput::resume() {
   if (!pcm) return -ENODEV;
-  const int status = snd_pcm_state(pcm.get()) == SND_PCM_STATE_RUNNING ? waitingFrames()
-                                                                       : snd_pcm_prepare(pcm.get());
-  return std::min(status, 0);
+  switch (snd_pcm_state(pcm.get())) {
+    case SND_PCM_STATE_RUNNING:
+      return std::min(waitingFrames(), 0);
+    case SND_PCM_STATE_PREPARED: {
+      // Asks the sound server, which may have gone.
+      snd_pcm_sframes_t delay = 0;
+      return std::min(snd_pcm_delay(pcm.get(), &delay), 0);
+    }
+    default:
+      return std::min(snd_pcm_prepare(pcm.get()), 0);
+  }
 }
 
 int AlsaOutput::openAnew(std::string& why) {
@@ -277,7 +285,10 @@ std::size_t AlsaOutput::awaitNextBite() {
 }
 
 void AlsaOutput::rest() {
-  if (pcm) snd_pcm_drop(pcm.get());
+  if (!pcm) return;
+  snd_pcm_drop(pcm.get());
+  // A sound server takes some milliseconds for this, which the next stream need not wait for.
+  snd_pcm_prepare(pcm.get());
 }
 
 void AlsaOutput::release() {

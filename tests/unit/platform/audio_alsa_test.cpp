@@ -160,17 +160,16 @@ TEST(PulseAudio, IsSilentAtOnceAndWithoutAClickWhereItsSoundIsDropped) {
       ms_sendDataToAudPlayback(handle, &tone[step * kStepFrames], 2 * kStepFrames);
     }
     EXPECT_EQ(ms_closeAudPlayback(handle), 0);
-    int heard = 0;
+    // A busy machine has gaps in the tone; only how it ends is of interest.
+    Samples heard = recording.take(1);
+    for (int silent = 0; silent < 2400; silent = heard.back() == 0 ? silent + 1 : 0)
+      heard.push_back(recording.next());
     int largest = 0;
-    int before = recording.take(1).at(0);
-    for (int silent = 0; silent < 2400; ++heard) {
-      const int sample = recording.next();
-      largest = std::max(largest, std::abs(sample - before));
-      silent = sample == 0 ? silent + 1 : 0;
-      before = sample;
-    }
-    EXPECT_LT(heard - 2400, kSteps / 2 * static_cast<int>(kStepFrames));
+    for (std::size_t i = heard.size() - 2400 - kStepFrames; i < heard.size(); ++i)
+      largest = std::max(largest, std::abs(heard[i] - heard[i - 1]));
     clicks += largest > kLargestStep ? 1 : 0;
+    EXPECT_LT(std::ssize(heard) - std::count(heard.begin(), heard.end(), 0),
+              kSteps / 2 * static_cast<int>(kStepFrames));
   }
   // The server may take its next bite between our look and the drop.
   EXPECT_LE(clicks, 2);

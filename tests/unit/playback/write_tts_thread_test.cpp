@@ -1,10 +1,14 @@
 #include "playback/write_tts_thread.h"
 
+#include <cstdlib>
+#include <new>
+
 #include <gtest/gtest.h>
 
 #include "support/fake_clock.h"
 #include "support/fakes.h"
 #include "support/link_seams.h"
+#include "support/syslog_capture.h"
 
 namespace {
 
@@ -98,4 +102,70 @@ TEST_F(Writer, FeedsSilenceWhileTheNextTextIsAwaitedAndLosesNothingOfTheLastOne)
   EXPECT_EQ(controller.reports.size(), 1U);
 }
 
+thread_local int allocations = 0;
+
+/// What the calling thread has done that the sound path must not do.
+struct Cost {
+  int logged = test::countLog("");
+  int allocated = allocations;
+  int locks = test::locksTaken();
+};
+
+constexpr int kWatchedBlocks = 200;
+// Such as Flite makes them, of no whole number of frames.
+constexpr int kWatchedSamples = 400;
+constexpr int kWatchedFrames = kWatchedBlocks * kWatchedSamples / kFrameSamples;
+
+class WatchedMedia final : public test::FakeMedia {
+ public:
+  int playDataMsAudPlaybackSession(const void*, unsigned bytes) override {
+    if (++played == 1) first = Cost();
+    if (played == kWatchedFrames) last = Cost();
+    return static_cast<int>(bytes);
+  }
+  int played = 0;
+  Cost first;
+  Cost last;
+};
+
+class WatchedController final : public test::FakeController {
+ public:
+  WatchedMedia watched;
+  qs_ns::QS_MediaInterfaceBase* getMediaIF() override { return &watched; }
+};
+
+TEST_F(Writer, NeitherAllocatesNorLogsNorLocksAnythingButItsQueueFromItsFirstFrameToTheLast) {
+  WatchedController watching;
+  pfir_upFilterState filter{};
+  ASSERT_EQ(pfir_initUpFilter(&filter, pfir_getUpFilterConfig(3)), 0);
+  watching.filter = &filter;
+  for (int blocks = 0; blocks < kWatchedBlocks; ++blocks)
+    add(kWatchedSamples);
+  queue.markExhausted();
+  qs_ns::QS_WriteTTSThread writer(&watching, queue, request.get(), outcome);
+  ASSERT_EQ(writer.start(), 0);
+  writer.join();
+  const WatchedMedia& media = watching.watched;
+  EXPECT_EQ(media.played, kWatchedFrames);
+  EXPECT_EQ(media.last.allocated - media.first.allocated, 0);
+  EXPECT_EQ(media.last.logged - media.first.logged, 0);
+  EXPECT_LE(media.last.locks - media.first.locks, kWatchedBlocks);
+  pfir_releaseUpFilter(&filter);
+}
+
 }  // namespace
+
+// NOLINTBEGIN(cppcoreguidelines-no-malloc, cppcoreguidelines-owning-memory, hicpp-no-malloc): what
+// these functions are.
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* const memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+// NOLINTEND(cppcoreguidelines-no-malloc, cppcoreguidelines-owning-memory, hicpp-no-malloc)
