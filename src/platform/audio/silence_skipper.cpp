@@ -72,8 +72,7 @@ bool SilenceSkipper::isSound() {
 }
 
 void SilenceSkipper::keepBlock() {
-  const std::size_t most = risenEnergy > 0 ? kept.size() : kKeptFrames;
-  const std::size_t excess = keptFrames + inBlock > most ? keptFrames + inBlock - most : 0;
+  const std::size_t excess = std::max(keptFrames + inBlock, kKeptFrames) - kKeptFrames;
   std::copy(kept.begin() + static_cast<std::ptrdiff_t>(excess),
             kept.begin() + static_cast<std::ptrdiff_t>(keptFrames), kept.begin());
   keptFrames -= excess;
@@ -84,9 +83,7 @@ void SilenceSkipper::keepBlock() {
 
 int SilenceSkipper::playKept() {
   skipping = false;
-  int status = 0;
-  for (std::size_t done = 0; status >= 0 && done < keptFrames; done += kKeptFrames)
-    status = output->write(&kept[done], std::min(kKeptFrames, keptFrames - done));
+  int status = keptFrames == 0 ? 0 : output->write(kept.data(), keptFrames);
   if (status >= 0 && inBlock > 0) status = output->write(block.data(), inBlock);
   inBlock = keptFrames = 0;
   return status;

@@ -9,12 +9,12 @@ namespace platform::audio {
 
 /// Leaves out the silence with which a stream begins, so that its sound comes at once: a voice says
 /// nothing for 100 to 230 ms. Up to 300 ms are taken and not played, but for the last 10 before the
-/// first sound.
+/// sound is certain.
 ///
-/// Sound is what rises three times above the stream's own noise for two steps of 5 ms, one of which
-/// noise may do by chance, or at once where it is loud. The voice's noise is an RMS of 8 with steps
-/// of up to 18 at normal volume, five times that at the largest and a sixth at the smallest; its
-/// softest consonant ("thirty") begins at 23.
+/// That is where it has risen three times above the stream's own noise for a second step of 5 ms
+/// (one is kept, and noise may rise that far by chance), or at once where it is loud. The voice's
+/// noise is an RMS of 8 with steps of up to 18 at normal volume, five times that at the largest and
+/// a sixth at the smallest; its softest consonant ("thirty") begins at 23.
 class SilenceSkipper final : public Output {
  public:
   explicit SilenceSkipper(std::unique_ptr<Output> skippedTo);
@@ -44,8 +44,7 @@ class SilenceSkipper final : public Output {
   double risenEnergy = 0;       // of the block before, where it rose above the noise
   Block block{};
   std::size_t inBlock = 0;
-  // The last 10 ms before a block that has risen, and that block.
-  std::array<std::int16_t, kKeptFrames + kBlockFrames> kept{};
+  std::array<std::int16_t, kKeptFrames> kept{};
   std::size_t keptFrames = 0;
 };
 
