@@ -49,7 +49,7 @@ int cache_audio_stream_chunk(const cst_wave* wave, int /*start*/, int /*size*/, 
     syslog(LOG_DEBUG, "%s:,Finished TTS stream. Total samples:%d", kName, wave->num_samples);
   }
   const auto& userData = *static_cast<const QS_StreamUserData*>(info->userdata);
-  if (!static_cast<QS_CacheThread*>(userData.owner)->givesUpSynthesis()) {
+  if (!static_cast<QS_CacheThread*>(userData.owner)->givesUpChunk()) {
     return CST_AUDIO_STREAM_CONT;
   }
   syslog(LOG_WARNING, "%s:Stopping flite stream process", kName);
@@ -143,6 +143,11 @@ bool QS_CacheThread::givesUpSynthesis() {
   // Taken here, so that one that comes later is not forgotten together with it.
   if (paused.exchange(false)) gaveWay = true;
   return gaveWay || stopped;
+}
+
+bool QS_CacheThread::givesUpChunk() {
+  if (voiceMutex.isWantedBySpeech()) gaveWay = true;
+  return givesUpSynthesis();
 }
 
 milliseconds QS_CacheThread::delayBeforeRetry(const cst_wave* wave, const char* text) {

@@ -54,9 +54,10 @@ class QS_CacheThread : public QS_CacheThreadBase,
   /// stop and behind the list.
   bool createCacheEntry(int index);
 
-  /// Asked on the builder's own thread during a synthesis: is it to be given up? Remembers whether
-  /// for a pause.
+  /// Asked on the builder's own thread, before a synthesis and at each of its chunks: is it to be
+  /// given up? Remembers whether for a pause, or, at a chunk, for speech that waits.
   bool givesUpSynthesis();
+  bool givesUpChunk();
 
  protected:
   bool threadLoop() override;

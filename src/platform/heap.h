@@ -3,7 +3,8 @@
 namespace platform {
 
 /// Makes the C library keep one heap for all threads and give large blocks back at once: one
-/// utterance takes 50 KB a character of it. Before the first thread starts.
+/// utterance takes 50 KB a character of it. The heap's lock lends no priority, but nobody holds it
+/// for longer than a few blocks take. Before the first thread starts.
 void keepHeapSmall();
 
 /// Gives back what is free anywhere in the heap. Takes about a millisecond, in which nobody else

@@ -14,20 +14,20 @@ void StageTimes::note(Stage stage) {
   times[index(stage)] = platform::clock().now();
 }
 
-long StageTimes::microsecondsTo(Stage stage) const {
+long long StageTimes::microsecondsTo(Stage stage) const {
   if (!isNoted(stage)) return -1;
   const auto time = times[index(stage)] - times[index(Stage::called)];
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::microseconds>(time).count());
+  return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
 void StageTimes::log(std::uint64_t handle) const {
-  syslog(
-      LOG_DEBUG,
-      "Stages of request %lu, us after the call: taken %ld, session %ld, samples %ld, frame %ld, "
-      "audible %ld",
-      static_cast<unsigned long>(handle), microsecondsTo(Stage::taken),
-      microsecondsTo(Stage::sessionOpened), microsecondsTo(Stage::firstSamples),
-      microsecondsTo(Stage::firstFrame), microsecondsTo(Stage::firstAudible));
+  syslog(LOG_DEBUG,
+         "Stages of request %llu, us after the call: taken %lld, session %lld, samples %lld, frame "
+         "%lld, "
+         "audible %lld",
+         static_cast<unsigned long long>(handle), microsecondsTo(Stage::taken),
+         microsecondsTo(Stage::sessionOpened), microsecondsTo(Stage::firstSamples),
+         microsecondsTo(Stage::firstFrame), microsecondsTo(Stage::firstAudible));
 }
 
 }  // namespace qs_ns

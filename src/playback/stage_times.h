@@ -33,7 +33,7 @@ class StageTimes {
 
  private:
   static constexpr std::size_t index(Stage stage) { return static_cast<std::size_t>(stage); }
-  long microsecondsTo(Stage stage) const;
+  long long microsecondsTo(Stage stage) const;
 
   std::array<platform::MonotonicTime, static_cast<std::size_t>(Stage::count)> times{};
   std::array<bool, static_cast<std::size_t>(Stage::count)> noted{};

@@ -147,7 +147,8 @@ Wave speakUtterance(const Job& job, const std::string& text, StreamCallback call
 
 /// Speaks the pieces of a text one after the other and makes one growing wave of them, which is all
 /// that the caller's callback sees. The joins of what is streamed are shortened. A piece of a file
-/// gives way to speech, leaves no trace and is made anew.
+/// gives way to speech, leaves no trace and is made anew, but not more often than it must: where
+/// speech never pauses for as long as a piece takes, it would never be done.
 class PieceJoiner {
  public:
   explicit PieceJoiner(const Job& theJob) : job(theJob) { joined->num_channels = 1; }
@@ -155,6 +156,8 @@ class PieceJoiner {
   Wave speak(const std::vector<std::string_view>& pieces, const SpeechClaim& claim);
 
  private:
+  static constexpr int kMostGivenUp = 8;
+
   Wave speakPiece(const std::string& piece);
   static int onChunk(const cst_wave* wave, int start, int size, int last,
                      cst_audio_streaming_info* info) {
@@ -172,6 +175,7 @@ class PieceJoiner {
   bool atLastPiece = false;
   bool stopped = false;
   bool gaveWay = false;
+  int givenUp = 0;  // how often this piece was
 };
 
 Wave PieceJoiner::speak(const std::vector<std::string_view>& pieces, const SpeechClaim& claim) {
@@ -188,7 +192,7 @@ Wave PieceJoiner::speak(const std::vector<std::string_view>& pieces, const Speec
 
 Wave PieceJoiner::speakPiece(const std::string& piece) {
   const int pieceStart = joined->num_samples;
-  for (;;) {
+  for (givenUp = 0;; ++givenUp) {
     Wave part = speakUtterance(job, piece, onChunk, this, true);
     if (!std::exchange(gaveWay, false)) return part;
     joined->num_samples = pieceStart;
@@ -198,7 +202,7 @@ Wave PieceJoiner::speakPiece(const std::string& piece) {
 int PieceJoiner::take(const cst_wave& wave, int start, int size, int last,
                       const cst_audio_streaming_info& info) {
   // What comes last has no more to give.
-  gaveWay = job.toFile && last == 0 && voiceMutex.isWantedBySpeech();
+  gaveWay = job.toFile && last == 0 && givenUp < kMostGivenUp && voiceMutex.isWantedBySpeech();
   if (gaveWay) return CST_AUDIO_STREAM_STOP;
   const int joinedStart = joined->num_samples;
   joined->sample_rate = wave.sample_rate;

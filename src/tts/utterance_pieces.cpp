@@ -110,7 +110,8 @@ struct Cuts {
 };
 
 /// Where the first piece of `text` could end, which neither begins nor ends with a blank. Looks at
-/// no more than `maxWeight` + 1 characters, so that all pieces together take linear time.
+/// no more than `maxWeight` + 1 characters, but for the blanks behind an abbreviation, so that all
+/// pieces together take linear time.
 Cuts cutsIn(std::string_view text, std::size_t maxWeight) {
   Scale scale;
   Cuts cuts;

@@ -17,12 +17,14 @@ enum class Urgency { background, speech };
 /// has it is to give it back at its next chunk.
 ///
 /// So speech waits for the chunk of one other holder. Up to its first chunk a holder cannot be
-/// interrupted: some 40 % of the synthesis of one piece, 50 ms for the heaviest prose. A waiter
-/// lends the holder nothing: where another thread wants the processor, a holder of nice 6 gets a
-/// fifth of it, which makes five times that at worst. A mutex lends no nice level either.
+/// interrupted: some 40 % of the synthesis of one piece, 50 ms for the heaviest prose, 300 for a
+/// token of 200 letters that are spelled. A waiter lends the holder nothing: where another
+/// thread wants the processor, a holder of nice 6 gets a fifth of it, which makes five times that
+/// at worst. A mutex lends no nice level either.
 ///
 /// Background work does not starve: speech takes far longer to play than to synthesise, no more
-/// than some seconds of it are made ahead, and while it plays nobody asks for the voice.
+/// than some seconds of it are made ahead, and while it plays nobody asks for the voice. A piece
+/// that was given up too often is made to its end (`qs_flite_tts_file`).
 ///
 /// Any thread; each has the voice once at most. Only `take` and `lock` block. Its own lock is the
 /// innermost: nothing is called under it.
