@@ -13,13 +13,15 @@ int ms_stop();
 /// Opens a playback stream: a handle, or 0 where none could be opened (or a tone is playing).
 /// `stream` is 2: signed 16-bit mono samples in native byte order, 48,000 a second.
 int ms_openAudPlayback(int stream);
-/// Plays `bytes` bytes, in order. Blocks while more than the fixed depth waits in the device: this
-/// is the clock of whoever plays. Returns the bytes taken, or a negative value on a dead stream.
+/// Plays `bytes` bytes, in order. Blocks while more than the depth, 20 to 80 ms, waits in the
+/// device: this is the clock of whoever plays. Returns the bytes taken, or a negative value on a
+/// dead stream.
 int ms_sendDataToAudPlayback(int handle, const void* data, unsigned int bytes);
 /// Lets what waits be heard to its end, then ends the stream.
 int ms_closeAudPlayback(int handle);
 /// Lets the stream be silent at once: what waits is dropped but for 5 ms, which fade out, and what
-/// is sent from now on is taken and not heard. Never blocks, also while another thread sends.
+/// is sent from now on is taken and not heard. Does nothing where no device sounds. Never blocks,
+/// also while another thread sends.
 int ms_dropAudPlayback(int handle);
 int ms_setOutputAudioPath(int device, int path);
 

@@ -4,8 +4,8 @@ namespace qs_ns {
 
 /// The daemon's side of the media server: at most one playback session, tones, and the gain that
 /// the writer applies. `setVolume`, the getters and the drop never block and may be called from any
-/// thread. The rest may be called by one thread at a time; a sound device that hangs costs each of them
-/// about a second.
+/// thread. The rest may be called by one thread at a time; a sound device that hangs costs each of
+/// them about a second.
 class QS_MediaInterfaceBase {
  public:
   virtual ~QS_MediaInterfaceBase() = default;
@@ -36,8 +36,8 @@ class QS_MediaInterfaceBase {
   /// Stops and closes it: 0, or -1.
   virtual int stopMsTone(int session) = 0;
   /// Lets the open session be silent at once: what waits fades out within 5 ms and what is played
-  /// from then on is not heard. Any thread; never blocks, so locks may be held. 0, or a negative
-  /// value where no session is open.
+  /// from then on is not heard (a recording keeps all of it). Any thread; never blocks, so locks
+  /// may be held. 0, or a negative value where no session is open.
   virtual int dropMsAudPlaybackSession() = 0;
 };
 

@@ -42,11 +42,13 @@ void AlsaOutput::Trail::add(const std::int16_t* samples, std::size_t frames) {
 }
 
 void AlsaOutput::Trail::copy(std::size_t ago, std::size_t frames, std::int16_t* to) const {
+  ago = std::min(ago, ring.size());
   for (std::size_t i = 0; i < frames; ++i)
     to[i] = ring[(end + ring.size() - ago + i) % ring.size()];
 }
 
-AlsaOutput::AlsaOutput(std::string pcmName) : name(std::move(pcmName)) {}
+AlsaOutput::AlsaOutput(std::string pcmName, std::shared_ptr<SoundDepth> learntDepth)
+    : name(std::move(pcmName)), depth(std::move(learntDepth)) {}
 
 AlsaOutput::~AlsaOutput() {
   if (pcm) snd_pcm_drop(pcm.get());
@@ -66,17 +68,8 @@ int AlsaOutput::open(std::string& why) {
 /// its device has gone meanwhile.
 int AlsaOutput::resume() {
   if (!pcm) return -ENODEV;
-  switch (snd_pcm_state(pcm.get())) {
-    case SND_PCM_STATE_RUNNING:
-      return std::min(waitingFrames(), 0);
-    case SND_PCM_STATE_PREPARED: {
-      // Asks the sound server, which may have gone.
-      snd_pcm_sframes_t delay = 0;
-      return std::min(snd_pcm_delay(pcm.get(), &delay), 0);
-    }
-    default:
-      return std::min(snd_pcm_prepare(pcm.get()), 0);
-  }
+  const bool runs = snd_pcm_state(pcm.get()) == SND_PCM_STATE_RUNNING && waitingFrames() >= 0;
+  return runs ? 0 : snd_pcm_prepare(pcm.get());
 }
 
 int AlsaOutput::openAnew(std::string& why) {
@@ -126,7 +119,7 @@ int AlsaOutput::configureHardware() {
   if (status >= 0) status = snd_pcm_hw_params(p, wanted);
   if (status >= 0) status = snd_pcm_get_params(p, &buffer, &period);
   bufferFrames = buffer;
-  depth.setDevice(period, buffer);
+  depth->setDevice(period, buffer);
   return std::min(status, 0);
 }
 
@@ -135,19 +128,23 @@ int AlsaOutput::configureStart() {
   snd_pcm_sw_params_alloca(&wanted);
   // No more than half the depth: a caller that has to wait for room must wait for a device that
   // runs.
-  const snd_pcm_uframes_t startAt = std::min(kStepFrames, depth.frames() / 2);
+  const snd_pcm_uframes_t startAt = std::min(kStepFrames, depth->frames() / 2);
   int status = snd_pcm_sw_params_current(pcm.get(), wanted);
   if (status >= 0) status = snd_pcm_sw_params_set_start_threshold(pcm.get(), wanted, startAt);
+  // A device that runs past the end of the sound must not play what lies in its buffer from before.
+  snd_pcm_uframes_t boundary = 0;
+  if (status >= 0) status = snd_pcm_sw_params_get_boundary(wanted, &boundary);
+  if (status >= 0) status = snd_pcm_sw_params_set_silence_size(pcm.get(), wanted, boundary);
   if (status >= 0) status = snd_pcm_sw_params(pcm.get(), wanted);
   return std::min(status, 0);
 }
 
 int AlsaOutput::write(const std::int16_t* samples, std::size_t frames) {
   const MonotonicTime now = clock().now();
-  if (started) depth.noteSound(now, pacer.endOfSound());
+  if (started && !dropAsked) depth->noteSound(now, pacer.endOfSound());
   started = true;
   while (frames > 0 && !dropAsked) {
-    const std::size_t piece = std::min(frames, std::max<std::size_t>(depth.frames() / 2, 1));
+    const std::size_t piece = std::min(frames, std::max<std::size_t>(depth->frames() / 2, 1));
     const int taken = writePiece(samples, piece, now + kStallLimit);
     if (taken < 0) {
       failed = true;
@@ -173,9 +170,8 @@ int AlsaOutput::writePiece(const std::int16_t* samples, std::size_t frames,
       pacer.add(static_cast<std::size_t>(taken));
       return taken;
     }
-    if (taken == -EPIPE) depth.noteUnderrun(clock().now());
     if (taken < 0) {
-      if (const int status = snd_pcm_recover(pcm.get(), taken, 1); status < 0) return status;
+      if (const int status = recover(taken); status < 0) return status;
     }
     if (clock().now() >= deadline) return -EIO;
   }
@@ -185,15 +181,19 @@ int AlsaOutput::waitForRoom(std::size_t frames, MonotonicTime deadline) {
   bool waited = false;
   while (!dropAsked) {
     const int waiting = waitingFrames();
-    if (waiting < 0) return waiting;
-    const auto inDevice = static_cast<std::size_t>(waiting);
-    if (inDevice + frames <= depth.frames()) {
+    if (waiting < 0) {
+      // The sound ran out while we slept; before that it was the caller who was away.
+      if (waiting == -EPIPE && waited) depth->noteUnderrun(clock().now());
+      if (const int status = recover(waiting); status < 0) return status;
+    }
+    const auto inDevice = static_cast<std::size_t>(std::max(waiting, 0));
+    if (inDevice + frames <= depth->frames()) {
       // A device that makes us wait has a clock, which need not agree with ours.
       if (waited) pacer.setWaiting(inDevice);
       break;
     }
     if (clock().now() >= deadline) return -EIO;
-    const auto tooMany = static_cast<std::int64_t>(inDevice + frames - depth.frames());
+    const auto tooMany = static_cast<std::int64_t>(inDevice + frames - depth->frames());
     pause(std::max<std::chrono::nanoseconds>(durationOf(tooMany), kShortestSleep));
     waited = true;
   }
@@ -209,10 +209,17 @@ void AlsaOutput::pause(std::chrono::nanoseconds duration) {
   }
 }
 
-/// How much sound waits in the PCM's buffer, or the negative status of a lost device.
+/// 0 where the PCM can go on from `status`, else the negative status of a lost device.
+int AlsaOutput::recover(int status) {
+  // ALSA's own way waits for a suspended device in steps of a second.
+  return status == -ESTRPIPE ? snd_pcm_prepare(pcm.get()) : snd_pcm_recover(pcm.get(), status, 1);
+}
+
+/// How much sound waits in the PCM's buffer; -EPIPE where it has run out, or another negative
+/// status.
 int AlsaOutput::waitingFrames() {
   const snd_pcm_sframes_t room = snd_pcm_avail(pcm.get());
-  if (room < 0) return snd_pcm_recover(pcm.get(), static_cast<int>(room), 1);
+  if (room < 0) return static_cast<int>(room);
   return static_cast<int>(bufferFrames - std::min(static_cast<std::size_t>(room), bufferFrames));
 }
 
@@ -228,20 +235,26 @@ int AlsaOutput::close() {
   return status;
 }
 
-// Not by a drain: a sound server takes 100 ms and more for it, since it waits for its own buffers
-// too, which are heard in any case.
+// Not by a drain: a sound server waits for its own buffers too, up to 100 ms and more, which are
+// heard in any case. So what has run out is left as it is: to prepare it for the next stream makes
+// a server forget them.
 int AlsaOutput::waitUntilHeard() {
   // Too short to have started by itself.
-  if (snd_pcm_state(pcm.get()) == SND_PCM_STATE_PREPARED && waitingFrames() > 0)
-    snd_pcm_start(pcm.get());
+  startIfPrepared();
   const MonotonicTime deadline = clock().now() + kStallLimit;
   for (int waiting = waitingFrames(); waiting != 0; waiting = waitingFrames()) {
+    if (waiting == -EPIPE) break;
     if (waiting < 0) return waiting;
     if (clock().now() >= deadline) return -EIO;
     clock().sleepFor(std::max<std::chrono::nanoseconds>(durationOf(waiting), kShortestSleep));
   }
   pacer.drain();
   return 0;
+}
+
+int AlsaOutput::startIfPrepared() {
+  if (snd_pcm_state(pcm.get()) != SND_PCM_STATE_PREPARED || waitingFrames() <= 0) return 0;
+  return snd_pcm_start(pcm.get());
 }
 
 void AlsaOutput::drop() {
@@ -257,6 +270,7 @@ void AlsaOutput::finishDrop() {
   dropped = true;
   const std::size_t waiting = awaitNextBite();
   const std::size_t faded = std::min(waiting, kFadeFrames);
+  pacer.setWaiting(faded);
   if (faded == 0) return;
   std::array<std::int16_t, kFadeFrames> fade;
   trail.copy(waiting, faded, fade.data());
@@ -264,9 +278,8 @@ void AlsaOutput::finishDrop() {
   int status = snd_pcm_drop(pcm.get());
   if (status >= 0) status = snd_pcm_prepare(pcm.get());
   if (status >= 0) status = static_cast<int>(snd_pcm_writei(pcm.get(), fade.data(), faded));
-  if (status >= 0) status = snd_pcm_start(pcm.get());
+  if (status >= 0) status = startIfPrepared();
   failed = status < 0;
-  pacer.setWaiting(faded);
 }
 
 /// How much waits, as of a moment at which the device has just taken some of it: what is put in the
@@ -285,10 +298,8 @@ std::size_t AlsaOutput::awaitNextBite() {
 }
 
 void AlsaOutput::rest() {
-  if (!pcm) return;
-  snd_pcm_drop(pcm.get());
-  // A sound server takes some milliseconds for this, which the next stream need not wait for.
-  snd_pcm_prepare(pcm.get());
+  // And no more: a sound server keeps time again for a stream that is prepared.
+  if (pcm) snd_pcm_drop(pcm.get());
 }
 
 void AlsaOutput::release() {

@@ -18,11 +18,12 @@ namespace platform::audio {
 /// `GuardedOutput` only. Destroyed with a stream open, it drops what waits.
 ///
 /// Of the PCM's buffer, 80 ms where it is granted, no more than the depth is filled; the rest is
-/// room for a depth that grows. Between streams the PCM runs on until `rest`, so that a stream that
-/// follows soon goes on in it and none waits for a sound server's own buffers to drain.
+/// room for a depth that grows. A close leaves the PCM as it is when all was heard; what a sound
+/// server has of it in its own buffers sounds on, until `rest` or the next stream.
 class AlsaOutput final : public Device {
  public:
-  explicit AlsaOutput(std::string pcmName);
+  /// `learntDepth` outlives the device, which is given back when nothing sounds.
+  AlsaOutput(std::string pcmName, std::shared_ptr<SoundDepth> learntDepth);
   ~AlsaOutput() override;
 
   int open(std::string& why) override;
@@ -58,6 +59,8 @@ class AlsaOutput final : public Device {
   int writePiece(const std::int16_t* samples, std::size_t frames, MonotonicTime deadline);
   int waitForRoom(std::size_t frames, MonotonicTime deadline);
   int waitUntilHeard();
+  int startIfPrepared();
+  int recover(int status);
   int waitingFrames();
   std::size_t awaitNextBite();
   void pause(std::chrono::nanoseconds duration);
@@ -65,7 +68,7 @@ class AlsaOutput final : public Device {
   const std::string name;
   std::unique_ptr<snd_pcm_t, PcmCloser> pcm;
   std::size_t bufferFrames = 0;
-  SoundDepth depth;
+  const std::shared_ptr<SoundDepth> depth;
   bool failed = false;   // has a write failed, so that nothing is left to be heard?
   bool started = false;  // was anything written to the stream?
   bool dropped = false;  // was done what `drop` asked for?

@@ -83,6 +83,8 @@ void GuardedOutput::Desk::serve() {
   // This may block as well, so it comes before the caller hears of the end.
   device.reset();
   leave(lastResult);
+  // Nothing has sounded for a while.
+  trimHeap();
 }
 
 /// False where the thread has nothing more to do.
@@ -111,8 +113,6 @@ bool GuardedOutput::Desk::carryOut(Order ordered, const Step& received) {
       return true;
     case Order::release:
       device->release();
-      // Nothing has sounded for a while.
-      trimHeap();
       return !endUnlessOrdered();
     case Order::none:
     case Order::end:
@@ -250,16 +250,18 @@ bool GuardedOutput::mayTry() const {
 int GuardedOutput::open(std::string& why) {
   int status = -ETIMEDOUT;
   if (mayTry()) {
-    status = openDevice(why);
-    nextTry = clock().now() + (status < 0 ? kRetryInterval : std::chrono::seconds(0));
+    // One that hung while nothing sounded says nothing about a fresh one.
+    const bool onFreshThread = !desk || !desk->orderOpen();
+    status = onFreshThread ? openOnFreshThread(why) : awaitOpen(why);
+    const bool waits = status < 0 && onFreshThread;
+    nextTry = clock().now() + (waits ? kRetryInterval : std::chrono::seconds(0));
   }
   if (status == -ETIMEDOUT) why = "the device does not answer";
   streaming = status >= 0;
   return status;
 }
 
-int GuardedOutput::openDevice(std::string& why) {
-  if (!desk || !desk->orderOpen()) return openOnFreshThread(why);
+int GuardedOutput::awaitOpen(std::string& why) {
   const int status = desk->awaitAnswer(&why);
   if (status < 0) desk.reset();
   return status;

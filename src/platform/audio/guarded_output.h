@@ -42,7 +42,7 @@ class GuardedOutput final : public Output {
   class Desk;
 
   bool mayTry() const;
-  int openDevice(std::string& why);
+  int awaitOpen(std::string& why);
   int openOnFreshThread(std::string& why);
 
   const DeviceFactory factory;

@@ -45,7 +45,8 @@ class Output {
 
   /// Asks the stream that is open to be silent at once: what waits is dropped but for 5 ms, which
   /// fade out, and what is written from now on is taken and not heard. Any thread, also during a
-  /// write, which then ends early; never blocks. An output that keeps every sample does nothing.
+  /// write, which then ends early; never blocks. Recordings and the output to nowhere keep
+  /// every sample.
   virtual void drop() {}
 };
 

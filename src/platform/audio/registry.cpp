@@ -18,7 +18,9 @@ namespace {
 using OutputPointer = std::unique_ptr<Output>;
 
 OutputPointer makeGuarded(const std::string& pcm) {
-  return std::make_unique<GuardedOutput>([pcm] { return std::make_unique<AlsaOutput>(pcm); });
+  const auto depth = std::make_shared<SoundDepth>();
+  return std::make_unique<GuardedOutput>(
+      [pcm, depth] { return std::make_unique<AlsaOutput>(pcm, depth); });
 }
 
 OutputPointer makeAlsa(const std::string& argument, std::string&) {

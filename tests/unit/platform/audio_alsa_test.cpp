@@ -60,7 +60,7 @@ class AlsaOutputTest : public testing::Test {
 };
 
 TEST_F(AlsaOutputTest, GivesItsOwnPaceToAPcmWithoutOne) {
-  AlsaOutput output("silent");
+  AlsaOutput output("silent", std::make_shared<platform::audio::SoundDepth>());
   for (const int steps : {300, 1}) {
     std::string why;
     ASSERT_EQ(output.open(why), 0);
@@ -75,7 +75,7 @@ TEST_F(AlsaOutputTest, GivesItsOwnPaceToAPcmWithoutOne) {
 }
 
 TEST_F(AlsaOutputTest, ConvertsForAPcmThatIsNotMono) {
-  AlsaOutput output("stereo");
+  AlsaOutput output("stereo", std::make_shared<platform::audio::SoundDepth>());
   const Samples sent = test::ramp(1000);
   Samples expected;
   for (const std::int16_t sample : sent)
@@ -85,7 +85,7 @@ TEST_F(AlsaOutputTest, ConvertsForAPcmThatIsNotMono) {
 }
 
 TEST_F(AlsaOutputTest, LosesNothingInAnUnderrunAndGivesUpADeviceThatIsGone) {
-  AlsaOutput output("record");
+  AlsaOutput output("record", std::make_shared<platform::audio::SoundDepth>());
   const Samples sent = test::ramp(2000);
   writes = 0;
   writeFailures = {{1, -EPIPE}, {3, -EPIPE}, {4, -EPIPE}, {7, -ESTRPIPE}};
@@ -98,7 +98,7 @@ TEST_F(AlsaOutputTest, LosesNothingInAnUnderrunAndGivesUpADeviceThatIsGone) {
 
 TEST_F(AlsaOutputTest, SaysWhyItDoesNotOpenAndNothingOnStandardError) {
   testing::internal::CaptureStderr();
-  AlsaOutput output("hw:77");
+  AlsaOutput output("hw:77", std::make_shared<platform::audio::SoundDepth>());
   std::string why;
   EXPECT_LT(output.open(why), 0);
   EXPECT_NE(why.find("card index for 77"), std::string::npos) << why;
