@@ -168,8 +168,9 @@ TEST(PulseAudio, IsSilentAtOnceAndWithoutAClickWhereItsSoundIsDropped) {
     for (std::size_t i = heard.size() - 2400 - kStepFrames; i < heard.size(); ++i)
       largest = std::max(largest, std::abs(heard[i] - heard[i - 1]));
     clicks += largest > kLargestStep ? 1 : 0;
+    // What was sent before the drop, and on a busy machine the end of it once more as it fades.
     EXPECT_LT(std::ssize(heard) - std::count(heard.begin(), heard.end(), 0),
-              kSteps / 2 * static_cast<int>(kStepFrames));
+              (kSteps / 2 + 1) * static_cast<int>(kStepFrames));
   }
   // The server may take its next bite between our look and the drop.
   EXPECT_LE(clicks, 2);
