@@ -77,6 +77,15 @@ struct CrashReport::Line {
 
 bool CrashReport::prepare() {
   state = backtrace_create_state(nullptr, 0, ignoreError, nullptr);
+#ifdef __SANITIZE_THREAD__
+  // Its functions for files hang in a signal handler, and it puts off the signal that would end
+  // that.
+  const auto ignore = [](void*, std::uintptr_t, const char*, int, const char*) { return 0; };
+  if (state != nullptr) {
+    backtrace_pcinfo(state, reinterpret_cast<std::uintptr_t>(&ignoreError), ignore, ignoreError,
+                     nullptr);
+  }
+#endif
   return state != nullptr;
 }
 

@@ -93,10 +93,11 @@ struct Scene {
   Scene(const Scene&) = delete;
   Scene& operator=(const Scene&) = delete;
 
-  /// Lets the first synthesis wait in its middle until `gate` opens, deaf to every stop.
+  /// Lets each synthesis wait in its middle until `gate` opens, deaf to every stop. (The very first
+  /// one may be stopped before it gets there.)
   void blockFirstSynthesis() {
-    speech.at = [this](int synthesis, Stage stage) {
-      if (synthesis == 0 && stage == Stage::middle) gate.pass();
+    speech.at = [this](int, Stage stage) {
+      if (stage == Stage::middle) gate.pass();
     };
   }
 
