@@ -83,8 +83,8 @@ void GuardedOutput::Desk::serve() {
   // This may block as well, so it comes before the caller hears of the end.
   device.reset();
   leave(lastResult);
-  // Nothing has sounded for a while.
-  trimHeap();
+  // Nothing has sounded for a while, unless it is a device that does not open.
+  if (resting) trimHeap();
 }
 
 /// False where the thread has nothing more to do.
@@ -94,6 +94,7 @@ bool GuardedOutput::Desk::carryOut(Order ordered, const Step& received) {
       std::string why;
       lastResult = device->open(why);
       streaming = lastResult >= 0;
+      resting = false;
       return answer(lastResult, std::move(why)) && streaming;
     }
     case Order::write:

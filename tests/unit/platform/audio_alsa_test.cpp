@@ -105,14 +105,20 @@ TEST_F(AlsaOutputTest, SaysWhyItDoesNotOpenAndNothingOnStandardError) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-// What happens when the server hangs or dies is with the daemon's tests. Real time.
-TEST(PulseAudio, HearsExactlyWhatWasSentInTheTimeOfTheSoundAlsoWhereTheCallerPauses) {
-  const test::ScratchFolder folder;
-  test::useSoundServer(folder);
-  const test::SoundServer server(folder);
+class PulseAudio : public testing::Test {
+ protected:
+  PulseAudio() {
+    setenv("QUILLSPEAK_AUDIO", "alsa:pulse", 1);
+    ms_start();
+  }
+
+  test::ScratchFolder folder;
+  test::SoundServer server{(test::useSoundServer(folder), folder)};
   test::SoundRecording recording;
-  setenv("QUILLSPEAK_AUDIO", "alsa:pulse", 1);
-  ms_start();
+};
+
+// What happens when the server hangs or dies is with the daemon's tests. Real time.
+TEST_F(PulseAudio, HearsExactlyWhatWasSentInTheTimeOfTheSoundAlsoWhereTheCallerPauses) {
   const int handle = ms_openAudPlayback(2);
   ASSERT_NE(handle, 0);
   // Not whole numbers of steps. The last one is heard to its end though the stream is closed.
@@ -134,13 +140,7 @@ TEST(PulseAudio, HearsExactlyWhatWasSentInTheTimeOfTheSoundAlsoWhereTheCallerPau
   }
 }
 
-TEST(PulseAudio, IsSilentAtOnceAndWithoutAClickWhereItsSoundIsDropped) {
-  const test::ScratchFolder folder;
-  test::useSoundServer(folder);
-  const test::SoundServer server(folder);
-  test::SoundRecording recording;
-  setenv("QUILLSPEAK_AUDIO", "alsa:pulse", 1);
-  ms_start();
+TEST_F(PulseAudio, IsSilentAtOnceAndWithoutAClickWhereItsSoundIsDropped) {
   constexpr int kSteps = 30;
   Samples tone(kSteps * kStepFrames);
   for (std::size_t i = 0; i < tone.size(); ++i)
