@@ -171,8 +171,11 @@ TEST_F(Streaming, AStopDuringASynthesisAbandonsItAndReportsOne) {
 // Were it to wait on, the test would run out of time.
 TEST_F(Streaming, AStopEndsTheWaitForTheVoice) {
   qs_ns::voiceMutex.lock();
+  test::Tally asked;
+  speech.at = [&](int, Stage) { asked.add(); };
   make({"P", "Z"});
   test::Background run([&] { stream->executeStream(); });
+  asked.await(1);
   EXPECT_FALSE(run.endsWithoutSleep());
   stream->stopThread();
   run.get();
