@@ -25,6 +25,7 @@ constexpr milliseconds kStallLimit{800};
 constexpr milliseconds kShortestSleep{1};
 // 5 ms, over which dropped sound fades out.
 constexpr std::size_t kFadeFrames = 240;
+constexpr std::array<std::int16_t, kMostDepthFrames> kSilence{};
 
 void fadeOut(std::int16_t* samples, std::size_t frames) {
   for (std::size_t i = 0; i < frames; ++i)
@@ -69,7 +70,12 @@ int AlsaOutput::open(std::string& why) {
 int AlsaOutput::resume() {
   if (!pcm) return -ENODEV;
   const bool runs = snd_pcm_state(pcm.get()) == SND_PCM_STATE_RUNNING && waitingFrames() >= 0;
-  return runs ? 0 : snd_pcm_prepare(pcm.get());
+  return runs ? 0 : prepare();
+}
+
+int AlsaOutput::prepare() {
+  sincePrepared = 0;
+  return snd_pcm_prepare(pcm.get());
 }
 
 int AlsaOutput::openAnew(std::string& why) {
@@ -119,6 +125,8 @@ int AlsaOutput::configureHardware() {
   if (status >= 0) status = snd_pcm_hw_params(p, wanted);
   if (status >= 0) status = snd_pcm_get_params(p, &buffer, &period);
   bufferFrames = buffer;
+  periodFrames = period;
+  sincePrepared = 0;
   depth->setDevice(period, buffer);
   return std::min(status, 0);
 }
@@ -167,6 +175,7 @@ int AlsaOutput::writePiece(const std::int16_t* samples, std::size_t frames,
     if (dropAsked) return 0;
     const auto taken = static_cast<int>(snd_pcm_writei(pcm.get(), samples, frames));
     if (taken > 0) {
+      sincePrepared += static_cast<std::size_t>(taken);
       pacer.add(static_cast<std::size_t>(taken));
       return taken;
     }
@@ -211,8 +220,9 @@ void AlsaOutput::pause(std::chrono::nanoseconds duration) {
 
 /// 0 where the PCM can go on from `status`, else the negative status of a lost device.
 int AlsaOutput::recover(int status) {
+  sincePrepared = 0;
   // ALSA's own way waits for a suspended device in steps of a second.
-  return status == -ESTRPIPE ? snd_pcm_prepare(pcm.get()) : snd_pcm_recover(pcm.get(), status, 1);
+  return status == -ESTRPIPE ? prepare() : snd_pcm_recover(pcm.get(), status, 1);
 }
 
 /// How much sound waits in the PCM's buffer; -EPIPE where it has run out, or another negative
@@ -239,6 +249,7 @@ int AlsaOutput::close() {
 // heard in any case. So what has run out is left as it is: to prepare it for the next stream makes
 // a server forget them.
 int AlsaOutput::waitUntilHeard() {
+  fillLastPeriod();
   // Too short to have started by itself.
   startIfPrepared();
   const MonotonicTime deadline = clock().now() + kStallLimit;
@@ -250,6 +261,15 @@ int AlsaOutput::waitUntilHeard() {
   }
   pacer.drain();
   return 0;
+}
+
+/// A PCM that converts between rates keeps back what does not fill a period.
+void AlsaOutput::fillLastPeriod() {
+  const std::size_t over = sincePrepared % periodFrames;
+  if (over == 0) return;
+  const snd_pcm_sframes_t taken =
+      snd_pcm_writei(pcm.get(), kSilence.data(), std::min(periodFrames - over, kSilence.size()));
+  sincePrepared += static_cast<std::size_t>(std::max<snd_pcm_sframes_t>(taken, 0));
 }
 
 int AlsaOutput::startIfPrepared() {
@@ -276,9 +296,13 @@ void AlsaOutput::finishDrop() {
   trail.copy(waiting, faded, fade.data());
   fadeOut(fade.data(), faded);
   int status = snd_pcm_drop(pcm.get());
-  if (status >= 0) status = snd_pcm_prepare(pcm.get());
+  if (status >= 0) status = prepare();
   if (status >= 0) status = static_cast<int>(snd_pcm_writei(pcm.get(), fade.data(), faded));
-  if (status >= 0) status = startIfPrepared();
+  if (status >= 0) {
+    sincePrepared = faded;
+    fillLastPeriod();
+    status = startIfPrepared();
+  }
   failed = status < 0;
 }
 

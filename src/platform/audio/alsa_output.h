@@ -18,8 +18,9 @@ namespace platform::audio {
 /// `GuardedOutput` only. Destroyed with a stream open, it drops what waits.
 ///
 /// Of the PCM's buffer, 80 ms where it is granted, no more than the depth is filled; the rest is
-/// room for a depth that grows. A close leaves the PCM as it is when all was heard; what a sound
-/// server has of it in its own buffers sounds on, until `rest` or the next stream.
+/// room for a depth that grows. A stream ends with silence up to a whole period. A close leaves the
+/// PCM as it is when all was heard; what a sound server has of it in its own buffers sounds on,
+/// until `rest` or the next stream.
 class AlsaOutput final : public Device {
  public:
   /// `learntDepth` outlives the device, which is given back when nothing sounds.
@@ -51,6 +52,7 @@ class AlsaOutput final : public Device {
   };
 
   int resume();
+  int prepare();
   int openAnew(std::string& why);
   int openPcm(const std::string& pcmName);
   int configure();
@@ -59,6 +61,7 @@ class AlsaOutput final : public Device {
   int writePiece(const std::int16_t* samples, std::size_t frames, MonotonicTime deadline);
   int waitForRoom(std::size_t frames, MonotonicTime deadline);
   int waitUntilHeard();
+  void fillLastPeriod();
   int startIfPrepared();
   int recover(int status);
   int waitingFrames();
@@ -68,6 +71,8 @@ class AlsaOutput final : public Device {
   const std::string name;
   std::unique_ptr<snd_pcm_t, PcmCloser> pcm;
   std::size_t bufferFrames = 0;
+  std::size_t periodFrames = 1;
+  std::size_t sincePrepared = 0;  // frames written to the PCM since it was prepared
   const std::shared_ptr<SoundDepth> depth;
   bool failed = false;   // has a write failed, so that nothing is left to be heard?
   bool started = false;  // was anything written to the stream?

@@ -43,15 +43,21 @@ class AlsaOutputTest : public testing::Test {
                         "pcm.stereo { type multi slaves.a.pcm record\n"
                         "  slaves.a.channels 2\n"
                         "  bindings.0 { slave a channel 0 }\n"
-                        "  bindings.1 { slave a channel 1 } }\n");
+                        "  bindings.1 { slave a channel 1 } }\n"
+                        // 44,100 or nothing, taken by whole periods.
+                        "pcm.slow { type rate slave { pcm record rate 44100 }\n"
+                        "  converter linear }\n");
     setenv("ALSA_CONFIG_PATH", (folder / "alsa.conf").c_str(), 1);
   }
   void TearDown() override { unsetenv("ALSA_CONFIG_PATH"); }
 
-  /// What was recorded when the device was given back.
+  /// What was recorded when the device was given back, without the silence up to a whole period.
   Samples recorded(AlsaOutput& output) const {
     output.release();
-    return test::samplesFrom(test::readFile(recording), 0);
+    Samples all = test::samplesFrom(test::readFile(recording), 0);
+    while (!all.empty() && all.back() == 0)
+      all.pop_back();
+    return all;
   }
 
   test::SkippingClock clock;
@@ -82,6 +88,28 @@ TEST_F(AlsaOutputTest, ConvertsForAPcmThatIsNotMono) {
     expected.insert(expected.end(), 2, sample);
   EXPECT_EQ(play(output, sent), 0);
   EXPECT_EQ(recorded(output), expected);
+}
+
+TEST_F(AlsaOutputTest, LosesNoTailToARateConversion) {
+  AlsaOutput output("slow", std::make_shared<platform::audio::SoundDepth>());
+  std::size_t before = 0;
+  for (const int frames : {1100, 200, 3 * 240 + 1}) {
+    SCOPED_TRACE(frames);
+    std::string why;
+    ASSERT_EQ(output.open(why), 0) << why;
+    const Samples sent(static_cast<std::size_t>(frames), 1000);
+    EXPECT_EQ(output.write(sent.data(), sent.size()), 0);
+    const auto start = clock.now();
+    EXPECT_EQ(output.close(), 0);
+    EXPECT_LT(clock.now() - start, 100ms);
+    output.rest();
+    const Samples all = test::samplesFrom(test::readFile(recording), 0);
+    const auto heard = std::count_if(all.begin() + static_cast<std::ptrdiff_t>(before), all.end(),
+                                     [](int sample) { return sample > 500; });
+    // ALSA makes 220 of the 240 in a period.
+    EXPECT_NEAR(static_cast<double>(heard), frames * 220.0 / 240, 2);
+    before = all.size();
+  }
 }
 
 TEST_F(AlsaOutputTest, LosesNothingInAnUnderrunAndGivesUpADeviceThatIsGone) {
