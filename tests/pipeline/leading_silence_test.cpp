@@ -103,6 +103,9 @@ TEST(LeadingSilence, IsLeftOutUpToALimitAndNothingOfASoundThatBeginsAtOnce) {
   EXPECT_EQ(playedOf(Samples(50 * kMs)).size(), 10 * kMs);
   Samples alert(333, 200);
   EXPECT_EQ(playedOf(alert), alert);
+  // Steady, and at the smallest volume.
+  alert.assign(200 * kMs, 110);
+  EXPECT_EQ(playedOf(alert), alert);
   // One that swells for half a second.
   alert.resize(500 * kMs);
   for (std::size_t i = 0; i < alert.size(); ++i)

@@ -12,8 +12,8 @@ namespace {
 constexpr double kLeastLevel = 4;
 constexpr double kMostLevel = 150;
 constexpr double kAboveNoise = 3;
-// Before, too little of the noise is known.
-constexpr std::size_t kNoiseFrames = 1920;  // 40 ms
+// More than a voice's at the largest volume.
+constexpr double kMostNoise = 100;
 
 }  // namespace
 
@@ -56,10 +56,8 @@ bool SilenceSkipper::isSound() {
   for (const double sample : block)
     energy += sample * sample;
   const double level = std::sqrt(energy / kBlockFrames);
-  const double noise =
-      noiseFrames == 0 ? 0 : std::sqrt(noiseEnergy / static_cast<double>(noiseFrames));
   const bool risen =
-      noiseFrames >= kNoiseFrames && level >= std::max(kAboveNoise * noise, kLeastLevel);
+      noiseFrames >= kNoiseFrames && level >= std::max(kAboveNoise * noiseLevel(), kLeastLevel);
   if (level >= kMostLevel || (risen && risenEnergy > 0)) return true;
   if (risen) {
     risenEnergy = energy;
@@ -68,11 +66,16 @@ bool SilenceSkipper::isSound() {
   // One that rose by itself was noise as well.
   noiseFrames += risenEnergy > 0 ? 2 * kBlockFrames : kBlockFrames;
   noiseEnergy += energy + std::exchange(risenEnergy, 0);
-  return false;
+  return taken == kNoiseFrames && noiseLevel() > kMostNoise;
+}
+
+double SilenceSkipper::noiseLevel() const {
+  return noiseFrames == 0 ? 0 : std::sqrt(noiseEnergy / static_cast<double>(noiseFrames));
 }
 
 void SilenceSkipper::keepBlock() {
-  const std::size_t excess = std::max(keptFrames + inBlock, kKeptFrames) - kKeptFrames;
+  const std::size_t most = taken < kNoiseFrames ? kNoiseFrames : kKeptFrames;
+  const std::size_t excess = std::max(keptFrames + inBlock, most) - most;
   std::copy(kept.begin() + static_cast<std::ptrdiff_t>(excess),
             kept.begin() + static_cast<std::ptrdiff_t>(keptFrames), kept.begin());
   keptFrames -= excess;

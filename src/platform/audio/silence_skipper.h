@@ -14,7 +14,8 @@ namespace platform::audio {
 /// That is where it has risen three times above the stream's own noise for a second step of 5 ms
 /// (one is kept, and noise may rise that far by chance), or at once where it is loud. The voice's
 /// noise is an RMS of 8 with steps of up to 18 at normal volume, five times that at the largest and
-/// a sixth at the smallest; its softest consonant ("thirty") begins at 23.
+/// a sixth at the smallest; its softest consonant ("thirty") begins at 23. A stream that is louder
+/// than any such noise for its first 40 ms has begun with sound, of which nothing is left out.
 class SilenceSkipper final : public Output {
  public:
   explicit SilenceSkipper(std::unique_ptr<Output> skippedTo);
@@ -28,11 +29,14 @@ class SilenceSkipper final : public Output {
   static constexpr std::size_t kBlockFrames = 240;
   static constexpr std::size_t kKeptFrames = 480;
   static constexpr std::size_t kMostFrames = 14400;
+  // 40 ms. Before, too little of the noise is known, and all is kept.
+  static constexpr std::size_t kNoiseFrames = 1920;
   using Block = std::array<std::int16_t, kBlockFrames>;
 
   std::size_t fill(const std::int16_t* samples, std::size_t frames);
   int takeBlock();
   bool isSound();
+  double noiseLevel() const;
   void keepBlock();
   int playKept();
 
@@ -44,7 +48,7 @@ class SilenceSkipper final : public Output {
   double risenEnergy = 0;       // of the block before, where it rose above the noise
   Block block{};
   std::size_t inBlock = 0;
-  std::array<std::int16_t, kKeptFrames> kept{};
+  std::array<std::int16_t, kNoiseFrames> kept{};
   std::size_t keptFrames = 0;
 };
 
