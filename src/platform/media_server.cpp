@@ -27,7 +27,7 @@ using platform::audio::TonePlayer;
 constexpr int kSpeechStream = 2;
 constexpr unsigned int kBytesPerFrame = 2;
 
-/// The state behind the functions. Its lock is never held while sound is played, opened or closed.
+/// The state behind the functions. Its lock is never held around anything that may block.
 class MediaServer {
  public:
   void start();
@@ -47,7 +47,6 @@ class MediaServer {
  private:
   using Tones = std::map<int, std::unique_ptr<TonePlayer>>;
 
-  void makeLine(const std::string& value) REQUIRES(mutex);
   int keepTone(int session, std::unique_ptr<TonePlayer>& player);
   std::unique_ptr<TonePlayer> takePlayer(int session);
 
@@ -59,23 +58,29 @@ class MediaServer {
   int nextTone GUARDED_BY(mutex) = 0;
 };
 
-void MediaServer::start() {
-  const std::string value = platform::environmentOr("QUILLSPEAK_AUDIO", "auto");
-  const MutexLock lock(mutex);
-  started = true;
-  // A line outlives a stop, so that a recording goes on in its file.
-  if (!outputLine || value != outputName) makeLine(value);
-}
-
-void MediaServer::makeLine(const std::string& value) {
+/// Null, with a line in the log, where `value` names no output.
+std::shared_ptr<Line> makeLine(const std::string& value) {
   std::string why;
   auto output = platform::audio::makeOutput(value, why);
-  if (!output) {
-    syslog(LOG_ERR, "audio: QUILLSPEAK_AUDIO is \"%s\" (%s), nothing will be heard; valid are %s",
-           value.c_str(), why.c_str(), platform::audio::kValidOutputs);
+  if (output) return std::make_shared<Line>(value, std::move(output));
+  syslog(LOG_ERR, "audio: QUILLSPEAK_AUDIO is \"%s\" (%s), nothing will be heard; valid are %s",
+         value.c_str(), why.c_str(), platform::audio::kValidOutputs);
+  return nullptr;
+}
+
+void MediaServer::start() {
+  const std::string value = platform::environmentOr("QUILLSPEAK_AUDIO", "auto");
+  {
+    const MutexLock lock(mutex);
+    // A line outlives a stop, so that a recording goes on in its file.
+    started = outputLine && value == outputName;
+    if (started) return;
   }
-  outputLine = output ? std::make_shared<Line>(value, std::move(output)) : nullptr;
+  std::shared_ptr<Line> made = makeLine(value);
+  const MutexLock lock(mutex);
+  started = true;
   outputName = value;
+  std::swap(outputLine, made);
 }
 
 void MediaServer::stop() {

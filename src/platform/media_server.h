@@ -1,9 +1,10 @@
 #pragma once
 
-// The media server's client library. Any thread may call any of these; none blocks for more than
-// about a second beyond the time of its sound, whatever the device does. 0 is success and a
-// negative errno value failure, where nothing else is said. A stream's handle is above 0, a
-// tone's session 0 or above; neither is used twice in a run.
+// The media server's client library. Any thread may call any of these, `ms_start` one at a time. A
+// device that does not answer is given up after a second; where each of its answers takes nearly as
+// long, a call may take three, beyond the time of its sound. 0 is success and a negative errno
+// value failure, where nothing else is said. A stream's handle is above 0, a tone's session 0 or
+// above; neither is used twice before all others were.
 
 /// Connects to the media server. Never fails and never waits for a device here.
 int ms_start();

@@ -72,11 +72,12 @@ int QS_StreamTTSThread::stopThread() {
     if (outcome.result != RequestOutcome::Result::undecided) return 0;
     outcome.result = RequestOutcome::Result::stopped;
     syslog(LOG_NOTICE, "QS_ST::%s: Received new command, stop the current thread", "stopThread");
+    // What waits in the device would go on for longer than all the rest of a stop takes. First, for
+    // the session is still there; it only leaves a note.
+    controller->getMediaIF()->dropMsAudPlaybackSession();
     if (writer != nullptr) writer->stop();
     stopped = true;
   }
-  // What waits in the device would go on for longer than all the rest of a stop takes.
-  controller->getMediaIF()->dropMsAudPlaybackSession();
   queue.wake();
   voiceMutex.wake();
   return 0;
