@@ -283,14 +283,22 @@ int GuardedOutput::openOnFreshThread(std::string& why) {
 int GuardedOutput::write(const std::int16_t* samples, std::size_t frames) {
   if (!streaming) return -EBADF;
   desk->orderWrite(samples, frames);
-  return desk->awaitAnswer();
+  return awaitStreamsAnswer();
+}
+
+/// As the desk's; a device that opened but does not answer in its stream counts as a failed try
+/// where another thread is stuck already.
+int GuardedOutput::awaitStreamsAnswer() {
+  const int status = desk->awaitAnswer();
+  if (status == -ETIMEDOUT && *stuckThreads > 1) nextTry = clock().now() + kRetryInterval;
+  return status;
 }
 
 int GuardedOutput::close() {
   if (!streaming) return 0;
   streaming = false;
   desk->orderClose();
-  const int status = desk->awaitAnswer();
+  const int status = awaitStreamsAnswer();
   // A thread that does not answer is left behind.
   if (status == -ETIMEDOUT) desk.reset();
   return status;

@@ -44,6 +44,7 @@ class GuardedOutput final : public Output {
   bool mayTry() const;
   int awaitOpen(std::string& why);
   int openOnFreshThread(std::string& why);
+  int awaitStreamsAnswer();
 
   const DeviceFactory factory;
   // Shared with the threads left behind, which may outlive this object.
