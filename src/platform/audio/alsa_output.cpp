@@ -126,6 +126,7 @@ int AlsaOutput::configureHardware() {
   if (status >= 0) status = snd_pcm_get_params(p, &buffer, &period);
   bufferFrames = buffer;
   periodFrames = period;
+  trail.fit(std::max(bufferFrames, kFadeFrames));
   sincePrepared = 0;
   depth->setDevice(period, buffer);
   return std::min(status, 0);
@@ -170,7 +171,9 @@ int AlsaOutput::write(const std::int16_t* samples, std::size_t frames) {
 /// be recovered. An underrun costs a gap but no sample: what was not taken is written again.
 int AlsaOutput::writePiece(const std::int16_t* samples, std::size_t frames,
                            MonotonicTime deadline) {
-  for (;;) {
+  for (int turn = 0;; ++turn) {
+    // A device that fails again after each recovery.
+    if (turn > 1) pause(kShortestSleep);
     if (const int status = waitForRoom(frames, deadline); status < 0) return status;
     if (dropAsked) return 0;
     const auto taken = static_cast<int>(snd_pcm_writei(pcm.get(), samples, frames));
@@ -307,11 +310,11 @@ void AlsaOutput::finishDrop() {
 }
 
 /// How much waits, as of a moment at which the device has just taken some of it: what is put in the
-/// place of the rest then continues what was heard. A sound server takes bites of 5 ms.
+/// place of the rest then continues what was heard. A sound server takes bites of a period.
 std::size_t AlsaOutput::awaitNextBite() {
-  constexpr milliseconds kBite{6};
   constexpr std::chrono::microseconds kLook{500};
-  const MonotonicTime deadline = clock().now() + kBite;
+  const MonotonicTime deadline =
+      clock().now() + durationOf(static_cast<std::int64_t>(periodFrames)) + milliseconds(1);
   const int before = waitingFrames();
   int waiting = before;
   while (waiting == before && waiting > 0 && clock().now() < deadline) {

@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <memory>
+#include <vector>
 
 #include <alsa/asoundlib.h>
 
@@ -42,12 +43,14 @@ class AlsaOutput final : public Device {
   /// What was written last, to be faded out when it is dropped.
   class Trail {
    public:
+    /// Makes room for so many frames; forgets what there was.
+    void fit(std::size_t frames) { ring.assign(frames, 0), end = 0; }
     void add(const std::int16_t* samples, std::size_t frames);
     /// Copies `frames` from `ago` frames before the end.
     void copy(std::size_t ago, std::size_t frames, std::int16_t* to) const;
 
    private:
-    std::array<std::int16_t, kMostDepthFrames> ring{};
+    std::vector<std::int16_t> ring;
     std::size_t end = 0;
   };
 
