@@ -12,6 +12,7 @@
 #include "cache/static_phrase_cache.h"
 #include "core/interfaces/controller_base.h"
 #include "platform/clock.h"
+#include "platform/heap.h"
 #include "tts/speech_engine.h"
 
 namespace qs_ns {
@@ -108,6 +109,8 @@ bool QS_CacheThread::threadLoop() {
   if (goesOn && lastIndex < lastOfSet) return true;
 
   syslog(LOG_INFO, "QS_CT:%s: Number of phrases in cache:%d", "threadLoop", phrasesInCache());
+  // While nothing sounds: it gave way to whatever did.
+  platform::trimHeap();
   requestExit();
   return false;
 }
