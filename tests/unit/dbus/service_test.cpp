@@ -26,6 +26,8 @@ class Service : public testing::Test {
     client.emplace(bus.address());
     ready.open();
     EXPECT_TRUE(client->awaitName());
+    // The name comes before the controller, which starts threads of its own.
+    EXPECT_EQ(client->stop(0).error, "");
   }
   ~Service() override {
     qs_ns::withDispatcher([](qs_ns::CheckingBusDispatcher& loop) { loop.postLeave(); });
