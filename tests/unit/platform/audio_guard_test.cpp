@@ -161,10 +161,12 @@ TEST_F(GuardedOutputTest, GivesUpACallAfterASecondAndTheStreamWithIt) {
     ASSERT_EQ(open(), 0) << "the first one that is stuck says nothing about a fresh one";
     if (call == kWrite) {
       EXPECT_EQ(afterASecond([this] { return write(); }), -ETIMEDOUT);
+      script->gate.awaitArrival(1);
       EXPECT_EQ(write(), -ETIMEDOUT) << "must not wait again";
       EXPECT_EQ(guard->close(), -ETIMEDOUT) << "must not wait again";
     } else if (call == kClose) {
       EXPECT_EQ(afterASecond([this] { return guard->close(); }), -ETIMEDOUT);
+      script->gate.awaitArrival(2);
     } else {
       EXPECT_EQ(guard->close(), 0);
       const test::Background destroyed([this] { guard.reset(); });
