@@ -176,9 +176,8 @@ int AlsaOutput::writePiece(const std::int16_t* samples, std::size_t frames,
     if (turn > 1) pause(kShortestSleep);
     if (const int status = waitForRoom(frames, deadline); status < 0) return status;
     if (dropAsked) return 0;
-    const auto taken = static_cast<int>(snd_pcm_writei(pcm.get(), samples, frames));
+    const int taken = writeToPcm(samples, frames);
     if (taken > 0) {
-      sincePrepared += static_cast<std::size_t>(taken);
       pacer.add(static_cast<std::size_t>(taken));
       return taken;
     }
@@ -187,6 +186,13 @@ int AlsaOutput::writePiece(const std::int16_t* samples, std::size_t frames,
     }
     if (clock().now() >= deadline) return -EIO;
   }
+}
+
+/// The frames taken, or a negative status.
+int AlsaOutput::writeToPcm(const std::int16_t* samples, std::size_t frames) {
+  const auto taken = static_cast<int>(snd_pcm_writei(pcm.get(), samples, frames));
+  sincePrepared += static_cast<std::size_t>(std::max(taken, 0));
+  return taken;
 }
 
 int AlsaOutput::waitForRoom(std::size_t frames, MonotonicTime deadline) {
@@ -223,9 +229,9 @@ void AlsaOutput::pause(std::chrono::nanoseconds duration) {
 
 /// 0 where the PCM can go on from `status`, else the negative status of a lost device.
 int AlsaOutput::recover(int status) {
-  sincePrepared = 0;
-  // ALSA's own way waits for a suspended device in steps of a second.
-  return status == -ESTRPIPE ? prepare() : snd_pcm_recover(pcm.get(), status, 1);
+  // As ALSA's own way, but that one waits for a suspended device in steps of a second.
+  if (status == -EPIPE || status == -ESTRPIPE) return prepare();
+  return status == -EINTR ? 0 : status;
 }
 
 /// How much sound waits in the PCM's buffer; -EPIPE where it has run out, or another negative
@@ -269,10 +275,7 @@ int AlsaOutput::waitUntilHeard() {
 /// A PCM that converts between rates keeps back what does not fill a period.
 void AlsaOutput::fillLastPeriod() {
   const std::size_t over = sincePrepared % periodFrames;
-  if (over == 0) return;
-  const snd_pcm_sframes_t taken =
-      snd_pcm_writei(pcm.get(), kSilence.data(), std::min(periodFrames - over, kSilence.size()));
-  sincePrepared += static_cast<std::size_t>(std::max<snd_pcm_sframes_t>(taken, 0));
+  if (over != 0) writeToPcm(kSilence.data(), std::min(periodFrames - over, kSilence.size()));
 }
 
 int AlsaOutput::startIfPrepared() {
@@ -300,9 +303,8 @@ void AlsaOutput::finishDrop() {
   fadeOut(fade.data(), faded);
   int status = snd_pcm_drop(pcm.get());
   if (status >= 0) status = prepare();
-  if (status >= 0) status = static_cast<int>(snd_pcm_writei(pcm.get(), fade.data(), faded));
+  if (status >= 0) status = writeToPcm(fade.data(), faded);
   if (status >= 0) {
-    sincePrepared = faded;
     fillLastPeriod();
     status = startIfPrepared();
   }

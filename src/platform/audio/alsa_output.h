@@ -62,6 +62,7 @@ class AlsaOutput final : public Device {
   int configureHardware();
   int configureStart();
   int writePiece(const std::int16_t* samples, std::size_t frames, MonotonicTime deadline);
+  int writeToPcm(const std::int16_t* samples, std::size_t frames);
   int waitForRoom(std::size_t frames, MonotonicTime deadline);
   int waitUntilHeard();
   void fillLastPeriod();
