@@ -26,6 +26,8 @@ constexpr milliseconds kShortestSleep{1};
 // 5 ms, over which dropped sound fades out.
 constexpr std::size_t kFadeFrames = 240;
 constexpr std::array<std::int16_t, kMostDepthFrames> kSilence{};
+// A stop waits no longer for the end of a period: what is heard meanwhile costs more than a click.
+constexpr milliseconds kLongestBite{20};
 
 void fadeOut(std::int16_t* samples, std::size_t frames) {
   for (std::size_t i = 0; i < frames; ++i)
@@ -315,8 +317,9 @@ void AlsaOutput::finishDrop() {
 /// place of the rest then continues what was heard. A sound server takes bites of a period.
 std::size_t AlsaOutput::awaitNextBite() {
   constexpr std::chrono::microseconds kLook{500};
+  const auto period = durationOf(static_cast<std::int64_t>(periodFrames));
   const MonotonicTime deadline =
-      clock().now() + durationOf(static_cast<std::int64_t>(periodFrames)) + milliseconds(1);
+      clock().now() + std::min<std::chrono::nanoseconds>(period, kLongestBite) + milliseconds(1);
   const int before = waitingFrames();
   int waiting = before;
   while (waiting == before && waiting > 0 && clock().now() < deadline) {
