@@ -16,8 +16,8 @@ namespace platform::audio {
 /// waits for the answer for at most a second. Between streams the device stays open, at rest after
 /// half a second; after 5 s it is given back and its thread ends. A thread that does not answer is
 /// left behind with its device, and ends by itself should the device ever return. Until then the
-/// device is tried again, on a fresh thread, only once every 5 s after a try that failed, and not
-/// at all while three threads are left behind.
+/// device is tried again, on a fresh thread, only once every 5 s after a try that failed or a
+/// second stream that hung, and not at all while three threads are left behind.
 class GuardedOutput final : public Output {
  public:
   using DeviceFactory = std::function<std::unique_ptr<Device>()>;
