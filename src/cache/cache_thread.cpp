@@ -109,8 +109,8 @@ bool QS_CacheThread::threadLoop() {
   if (goesOn && lastIndex < lastOfSet) return true;
 
   syslog(LOG_INFO, "QS_CT:%s: Number of phrases in cache:%d", "threadLoop", phrasesInCache());
-  // While nothing sounds: it gave way to whatever did.
-  platform::trimHeap();
+  // While something sounds that is left to the sound device, which does it when all is quiet.
+  if (!stopped && !controller->isMessageQueueBusy()) platform::trimHeap();
   requestExit();
   return false;
 }
