@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "app/process.h"
@@ -29,7 +30,9 @@ constexpr int kBusLost = -1;
 
 }  // namespace
 
-CheckingBusDispatcher::CheckingBusDispatcher() : watch(posted.descriptor(), POLLIN, this) {}
+CheckingBusDispatcher::CheckingBusDispatcher() : watch(posted.descriptor(), POLLIN, this) {
+  if (watchdog.descriptor() >= 0) feeding.emplace(watchdog.descriptor(), POLLIN, this);
+}
 
 CheckingBusDispatcher::~CheckingBusDispatcher() {
   // The library closes the descriptors that wake its loop only when it is told to leave.
@@ -62,13 +65,14 @@ void CheckingBusDispatcher::do_iteration() {
     syslog(LOG_ERR, "Lost DBUS system bus connection, exiting.");
     endProcess(kBusLost);
   }
+  watchdog.feedWhenDue();
   deleteRemoved();
   posted.run();
   // The library has closed its wake-up descriptors by now; another poll would watch a stranger's.
   if (left) return;
   if (connectionIsAnothers) {
-    pollfd work{posted.descriptor(), POLLIN, 0};
-    poll(&work, 1, -1);
+    pollfd ours[] = {{posted.descriptor(), POLLIN, 0}, {watchdog.descriptor(), POLLIN, 0}};
+    poll(ours, std::size(ours), -1);
     return;
   }
   DBus::BusDispatcher::do_iteration();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -9,6 +10,7 @@
 #include "core/interfaces/bus_release.h"
 #include "dbus/bus_work.h"
 #include "platform/mutex.h"
+#include "platform/watchdog.h"
 
 namespace qs_ns {
 
@@ -46,6 +48,8 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
 
   BusWork posted;
   DBus::DefaultWatch watch;
+  const platform::Watchdog watchdog;
+  std::optional<DBus::DefaultWatch> feeding;  // none where nobody watches
   DBus::Connection* connection = nullptr;
   /// Was the loop told to leave?
   bool left = false;

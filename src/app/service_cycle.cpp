@@ -9,7 +9,8 @@
 #include "core/controller.h"
 #include "dbus/quillspeak_dbus_impl.h"
 #include "media/media_interface.h"
-#include "platform/clock.h"
+#include "platform/process_services.h"
+#include "platform/watchdog.h"
 #include "playback/message_queue_thread.h"
 #include "tts/speech_engine.h"
 
@@ -33,6 +34,7 @@ void runLoop(CheckingBusDispatcher& dispatcher, DBus::Connection& connection) {
 void serve(CheckingBusDispatcher& dispatcher, DBus::Connection& connection) {
   syslog(LOG_DEBUG, "%s: Detect that Automation is NOT active", "main");
   connection.request_name(kBusName, 0);
+  restart_ready();
   syslog(LOG_NOTICE, "%s: DBus connection successful. Creating QS_Controller", "main");
   qs_flite_init();
   QuillspeakDBusImpl service(connection, dispatcher.work());
@@ -64,6 +66,8 @@ NextCycle connectAndServe(CheckingBusDispatcher& dispatcher) {
   }
   if (get_qs_automation_status() != 0) {
     syslog(LOG_NOTICE, "%s: Detect that Automation IS active", "main");
+    // Else the restart manager, which waits for a start to end, would end this one.
+    restart_ready();
   } else {
     serve(dispatcher, connection);
   }
@@ -94,7 +98,7 @@ void runCycle() {
   }
   set_qs_automation_status(-1);
   syslog(LOG_NOTICE, "Sleeping for 20 seconds before connecting quillspeak service back to DBUS");
-  platform::clock().sleepFor(kPause);
+  platform::sleepFed(kPause);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "core/interfaces/bus_release.h"
 #include "platform/clock.h"
 #include "platform/property_store.h"
+#include "platform/watchdog.h"
 #include "playback/play_request.h"
 
 namespace qs_ns {
@@ -177,7 +178,7 @@ int QS_Controller::initializeMSWithController() {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     if (mMediaIF->initializeMSInterface()) return 0;
     syslog(LOG_WARNING, "%s: failed. Trying again in 5 seconds", "initializeMSWithController");
-    platform::clock().sleepFor(std::chrono::seconds(5));
+    platform::sleepFed(std::chrono::seconds(5));
   }
   syslog(LOG_ERR, "%s: Could not intializeMSController", "initializeMSWithController");
   return kGaveUp;

@@ -111,7 +111,15 @@ void unlink_varrunpid(const char* name) {
 // systemd's protocol needs no connection: each message goes to the socket named in NOTIFY_SOCKET,
 // and nowhere, successfully, where there is none. The name is of no use to it.
 int restart_connect(const char*) {
-  return sd_notify(0, "READY=1") < 0 ? -1 : 0;
+  return sd_notify(0, "STATUS=Starting") < 0 ? -1 : 0;
+}
+
+void restart_ready() {
+  sd_notify(0, "READY=1\nSTATUS=");
+}
+
+void restart_alive() {
+  sd_notify(0, "WATCHDOG=1");
 }
 
 int restart_disconnect(const char*, int) {

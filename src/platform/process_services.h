@@ -23,8 +23,15 @@ int create_varrunpid(const char* name);
 /// Takes the registration back. Harmless when repeated, or when nothing was registered. Any thread.
 void unlink_varrunpid(const char* name);
 
-/// Tells the restart manager that the process is up; 0 on success, also where there is no manager.
+/// Tells the restart manager that the process is starting; 0 on success, also where there is no
+/// manager.
 int restart_connect(const char* name);
+/// Tells the restart manager that the process is up and does what it is for. Harmless when
+/// repeated, or where there is no manager. Any thread.
+void restart_ready();
+/// Tells the restart manager that the process does not hang; harmless where there is none, or where
+/// it does not watch. Only from the thread that must not hang.
+void restart_alive();
 /// Tells the restart manager that the process is going. Harmless when repeated. Any thread.
 int restart_disconnect(const char* name, int reserved);
 

@@ -15,11 +15,9 @@ namespace test {
 
 namespace {
 
-std::string busConfiguration(const std::string& socket) {
-  return "<busconfig><listen>unix:path=" + socket +
-         "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-         "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
-         "<allow own=\"*\"/></policy></busconfig>";
+std::string busConfiguration(const std::string& socket, const std::string& policies) {
+  return "<busconfig><listen>unix:path=" + socket + "</listen><auth>EXTERNAL</auth>" + policies +
+         "</busconfig>";
 }
 
 Reply failure(const sd_bus_error& error) {
@@ -63,9 +61,10 @@ bool awaitFile(const std::string& path, const std::function<bool()>& met) {
   return true;
 }
 
-PrivateBus::PrivateBus(const ScratchFolder& folder) : socket(folder / "bus") {
+PrivateBus::PrivateBus(const ScratchFolder& folder, const std::string& policies)
+    : socket(folder / "bus") {
   unlink(socket.c_str());
-  writeFile(folder / "bus.conf", busConfiguration(socket));
+  writeFile(folder / "bus.conf", busConfiguration(socket, policies));
   // It goes with the test also where that is killed, and the daemon goes with it.
   process = std::make_unique<ChildProcess>(
       "/usr/bin/setpriv",
@@ -97,13 +96,14 @@ Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, const
     arguments.insert(arguments.begin(), {"-c", fill, program});
     program = "/bin/sh";
   }
-  process = std::make_unique<ChildProcess>(
-      program, arguments,
-      Environment{preloadEntry(), "QS_TEST_SYSLOG=" + logFile,
-                  "QS_TEST_FILES=" + (folder / "files"), "DBUS_SYSTEM_BUS_ADDRESS=" + busAddress,
-                  "QUILLSPEAK_RUN_DIR=" + (folder / "run"), "QUILLSPEAK_AUDIO=" + audio,
-                  "QUILLSPEAK_PROPERTIES=" + (folder / "properties.conf"),
-                  "QUILLSPEAK_TRACE=" + (folder / "trace.conf")});
+  Environment environment = options.environment;
+  environment.insert(
+      environment.end(),
+      {preloadEntry(), "QS_TEST_SYSLOG=" + logFile, "QS_TEST_FILES=" + (folder / "files"),
+       "DBUS_SYSTEM_BUS_ADDRESS=" + busAddress, "QUILLSPEAK_RUN_DIR=" + (folder / "run"),
+       "QUILLSPEAK_AUDIO=" + audio, "QUILLSPEAK_PROPERTIES=" + (folder / "properties.conf"),
+       "QUILLSPEAK_TRACE=" + (folder / "trace.conf")});
+  process = std::make_unique<ChildProcess>(program, arguments, environment);
 }
 
 #ifdef QUILLSPEAK_COVERAGE

@@ -45,10 +45,16 @@ bool awaitFile(const std::string& path, const std::function<bool()>& met);
 /// A message bus of the test's own, with a socket in `folder`.
 class PrivateBus {
  public:
-  explicit PrivateBus(const ScratchFolder& folder);
+  /// With `policies` as the bus's configuration has them.
+  explicit PrivateBus(const ScratchFolder& folder, const std::string& policies = kEverything);
 
   std::string address() const { return "unix:path=" + socket; }
   void kill();
+
+  /// Everybody may do everything and see it all.
+  static constexpr char kEverything[] =
+      "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+      "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>";
 
  private:
   std::string socket;
@@ -65,6 +71,8 @@ class Daemon {
     std::vector<std::string> arguments{};
     /// Does it find its standard output full, so that it has to wait for a reader?
     bool outputFull = false;
+    /// Added to its environment.
+    Environment environment{};
     /// The highest level that it logs. The debug level, which is off by itself, shows what tests
     /// look for.
     int baseSeverity = 7;

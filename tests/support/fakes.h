@@ -22,6 +22,7 @@ namespace test {
 class FakeMedia : public qs_ns::QS_MediaInterfaceBase {
  public:
   std::function<void(int)> onFrame = [](int) {};
+  bool starts = true;
   bool opens = true;
   int volume = 512;
 
@@ -38,7 +39,7 @@ class FakeMedia : public qs_ns::QS_MediaInterfaceBase {
   Tally drops;
 
   int cleanupMSInterface() override { return 0; }
-  bool initializeMSInterface() override { return true; }
+  bool initializeMSInterface() override { return starts; }
   int setPathMsAudPlaybackSession() override { return 0; }
   int startMsAudPlaybackSession() override {
     if (session != 0) return 0;

@@ -3,7 +3,8 @@
 //                   "<LEVEL> <text>" with blanks for newlines, and one for openlog:
 //                   "openlog ident=I option=0xO facility=0xF"
 //   QS_TEST_FILES   a folder in which the files of fixed paths are looked for, by their names alone
-//                   and in which a file "no-threads" makes every start of a thread fail
+//                   and in which a file "no-threads" makes every start of a thread fail; where it
+//                   has a pipe "hold-NAME", who opens a file NAME waits until the pipe is opened
 
 // The fortified headers define what is defined here.
 #undef _FORTIFY_SOURCE
@@ -62,6 +63,17 @@ const char* redirected(const char* place, const char* path, char (&moved)[PATH_M
   return path;
 }
 
+// A storage that hangs.
+void waitWhereHeld(const char* path) {
+  const char* const slash = std::strrchr(path, '/');
+  char pipe[PATH_MAX];
+  std::snprintf(pipe, sizeof pipe, "%s/hold-%s", files() != nullptr ? files() : "",
+                slash != nullptr ? slash + 1 : path);
+  if (files() == nullptr || access(pipe, F_OK) != 0) return;
+  appendLine("held: ", pipe);
+  close(static_cast<int>(syscall(SYS_openat, AT_FDCWD, pipe, O_RDONLY | O_CLOEXEC)));
+}
+
 // The mode argument is there only with these.
 mode_t modeOf(int flags, va_list arguments) {
   const bool given = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
@@ -114,6 +126,7 @@ int open(const char* path, int flags, ...) {
   const mode_t mode = modeOf(flags, arguments);
   va_end(arguments);
   char moved[PATH_MAX];
+  waitWhereHeld(path);
   return original(redirected("", path, moved), flags, mode);
 }
 

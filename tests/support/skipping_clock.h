@@ -6,7 +6,7 @@ namespace test {
 
 /// Time that a sleep moves on at once: for code that sleeps on the test's own thread. A timed wait
 /// finds its deadline passed.
-class SkippingClock final : public FakeClock {
+class SkippingClock : public FakeClock {
  public:
   void sleepFor(std::chrono::nanoseconds duration) override { advance(duration); }
   bool waitUntil(platform::Condition&, platform::Mutex&,

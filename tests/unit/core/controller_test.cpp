@@ -14,6 +14,7 @@
 #include "support/link_seams.h"
 #include "support/scratch_folder.h"
 #include "support/syslog_capture.h"
+#include "support/watched_clock.h"
 
 namespace {
 
@@ -53,6 +54,20 @@ TEST_F(Controller, BuildsTheWholeListWhereTheFeatureIsOnAndTwoPhrasesWhereItIsOf
   controller->restartCaching(false);
   EXPECT_EQ(test::countLog("QS_CT:stopThread: STOP requested"), 2)
       << "the first controller's end and the one restart";
+}
+
+TEST_F(Controller, FeedsTheWatchdogWhileTheMediaServerDoesNotStart) {
+  test::WatchedClock clock(std::chrono::seconds(4));
+  media.starts = false;
+  make();
+  std::chrono::nanoseconds slept{0};
+  for (const auto& sleep : clock.sleeps) {
+    EXPECT_LE(sleep.duration, std::chrono::seconds(2));
+    EXPECT_TRUE(sleep.fed);
+    slept += sleep.duration;
+  }
+  EXPECT_EQ(slept, std::chrono::seconds(15));
+  controller.reset();
 }
 
 TEST_F(Controller, ABuilderThatEndsTakesNothingButItselfAway) {

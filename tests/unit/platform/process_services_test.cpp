@@ -113,9 +113,12 @@ TEST(RestartManager, IsToldOfStartAndEndWhereThereIsOne) {
   const platform::UniqueFd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
   ASSERT_EQ(bind(manager.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   EXPECT_EQ(restart_connect("daemon"), 0);
+  restart_ready();
+  restart_alive();
   EXPECT_EQ(restart_disconnect("quillspeak", 0), 0);
   EXPECT_EQ(restart_disconnect("quillspeak", 0), 0);
-  for (const char* expected : {"READY=1", "STOPPING=1", "STOPPING=1"}) {
+  for (const char* expected :
+       {"STATUS=Starting", "READY=1\nSTATUS=", "WATCHDOG=1", "STOPPING=1", "STOPPING=1"}) {
     char message[64] = {};
     EXPECT_GT(recv(manager.get(), message, sizeof message - 1, 0), 0);
     EXPECT_STREQ(message, expected);
