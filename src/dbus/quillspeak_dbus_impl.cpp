@@ -96,9 +96,6 @@ QuillspeakDBusImpl::~QuillspeakDBusImpl() {
 }
 
 void QuillspeakDBusImpl::guardMethods() {
-  DBus::PropertiesAdaptor::_methods["Set"] =
-      new DBus::Callback<QuillspeakDBusImpl, DBus::Message, const DBus::CallMessage&>(
-          this, &QuillspeakDBusImpl::refuseSet);
   DBus::MethodTable& methods = com::wexel::QuillspeakInterface1_adaptor::_methods;
   methods["DoTTSAndPlay"] = new CountedTexts(methods["DoTTSAndPlay"]);
   const auto guard = [](DBus::MethodTable& table) {
@@ -106,24 +103,8 @@ void QuillspeakDBusImpl::guardMethods() {
       method = new GuardedMethod(method);
   };
   guard(methods);
-  guard(DBus::PropertiesAdaptor::_methods);
+  guard(PropertiesAdaptor::_methods);
   guard(DBus::IntrospectableAdaptor::_methods);
-}
-
-// The library's own copies the value before it looks whether it may be set, and a descriptor in it
-// ends the process.
-DBus::Message QuillspeakDBusImpl::refuseSet(const DBus::CallMessage& call) {
-  DBus::MessageIter arguments = call.reader();
-  std::string interface;
-  std::string property;
-  arguments >> interface >> property;
-  if (arguments.type() != DBUS_TYPE_VARIANT) throw DBus::ErrorInvalidArgs("variant type expected");
-  DBus::InterfaceAdaptor* const owner = find_interface(interface);
-  if (owner == nullptr) throw DBus::ErrorFailed("requested interface not found");
-  if (owner->get_property(property) == nullptr) {
-    throw DBus::ErrorFailed("requested property not found");
-  }
-  throw DBus::ErrorAccessDenied("property is not writeable");
 }
 
 // The library looks the interface up by its name and would end the process where there is none.

@@ -13,6 +13,7 @@
 #include "core/interfaces/dbus_base.h"
 #include "dbus/bus_work.h"
 #include "dbus/convert_tts_thread.h"
+#include "dbus/properties_adaptor.h"
 
 namespace qs_ns {
 
@@ -24,7 +25,7 @@ class QS_Controller;
 class QuillspeakDBusImpl final : public QS_DBusBase,
                                  public com::wexel::QuillspeakInterface1_adaptor,
                                  public DBus::IntrospectableAdaptor,
-                                 public DBus::PropertiesAdaptor,
+                                 public PropertiesAdaptor,
                                  public DBus::ObjectAdaptor {
  public:
   /// `posted` is run by the loop that serves `connection`; both outlive the object.
@@ -62,7 +63,6 @@ class QuillspeakDBusImpl final : public QS_DBusBase,
 
   void guardMethods();
   bool answerWithoutInterface(const DBus::Message& message);
-  DBus::Message refuseSet(const DBus::CallMessage& call);
   DBus::Tag* startConversion(const std::string& text, const std::string& path);
   /// Any conversion's thread.
   void actionFinishedCallBack(FliteConversionResponse& response);

@@ -17,6 +17,9 @@ class Contract : public test::DaemonTest {
 
 TEST_F(Contract, IntrospectionListsEveryMemberWithItsArguments) {
   const Reply reply = client->call("org.freedesktop.DBus.Introspectable", "Introspect");
+  for (const char* const standard :
+       {"<method name=\"GetAll\">", "<signal name=\"PropertiesChanged\">"})
+    EXPECT_NE(reply.text.find(standard), std::string::npos) << standard;
   const auto begin = reply.text.find("<interface name=\"com.wexel.QuillspeakInterface1\">");
   ASSERT_NE(begin, std::string::npos) << reply.text;
   const auto end = reply.text.find("</interface>", begin);
@@ -58,6 +61,20 @@ TEST_F(Contract, PropertiesAreReadLiveAndCannotBeSet) {
   EXPECT_EQ(client->call(kProperties, "Set", "ss", kInterface, "State").error,
             "org.freedesktop.DBus.Error.InvalidArgs");
   EXPECT_EQ(client->property("Version"), 1);
+}
+
+TEST_F(Contract, AllPropertiesAreReadAtOnce) {
+  setProperties("device.accessibility.qs_enabled = off\n");
+  const auto all = [&](const char* interface) {
+    return client->call(kProperties, "GetAll", "s", interface);
+  };
+  EXPECT_EQ(all(kInterface).text, "State=-1;Version=1;");
+  EXPECT_EQ(all("").text, "State=-1;Version=1;");
+  EXPECT_EQ(all(kProperties).error, "");
+  EXPECT_EQ(all(kProperties).text, "");
+  EXPECT_EQ(all("x.y").error, "org.freedesktop.DBus.Error.UnknownInterface");
+  EXPECT_EQ(client->call(kProperties, "GetAll", "i", 1).error,
+            "org.freedesktop.DBus.Error.InvalidArgs");
 }
 
 TEST_F(Contract, LimitsAreNamedAndWhatIsWithinThemIsTaken) {

@@ -24,6 +24,21 @@ Reply failure(const sd_bus_error& error) {
   return {.error = error.name, .message = error.message != nullptr ? error.message : ""};
 }
 
+// "name=number;" for each of a dictionary of numbers.
+std::string readNumbers(sd_bus_message* message) {
+  std::string text;
+  EXPECT_GT(sd_bus_message_enter_container(message, 'a', "{sv}"), 0);
+  while (sd_bus_message_enter_container(message, 'e', "sv") > 0) {
+    const char* name = "";
+    std::int32_t value = 0;
+    EXPECT_GT(sd_bus_message_read(message, "sv", &name, "i", &value), 0);
+    text += std::string(name) + "=" + std::to_string(value) + ";";
+    sd_bus_message_exit_container(message);
+  }
+  sd_bus_message_exit_container(message);
+  return text;
+}
+
 Reply readReply(sd_bus_message* reply) {
   if (const sd_bus_error* error = sd_bus_message_get_error(reply)) return failure(*error);
   Reply result;
@@ -32,6 +47,8 @@ Reply readReply(sd_bus_message* reply) {
     const char* text = "";
     EXPECT_GT(sd_bus_message_read_basic(reply, 's', &text), 0);
     result.text = text;
+  } else if (type == "a{sv}") {
+    result.text = readNumbers(reply);
   } else if (type == "t") {
     EXPECT_GT(sd_bus_message_read_basic(reply, 't', &result.value), 0);
   } else if (type == "i" || type == "v") {

@@ -102,7 +102,8 @@ class Daemon {
   std::unique_ptr<ChildProcess> process;
 };
 
-/// What a method call was answered with: a number or a text, or an error's name and message.
+/// What a method call was answered with: a number or a text ("name=number;" for each of a
+/// dictionary), or an error's name and message.
 struct Reply {
   std::uint64_t value = 0;
   std::string text{};
