@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/audio/stream_role.h"
 #include "platform/heap.h"
 #include "platform/process_services.h"
 #include "platform/thread.h"
@@ -88,6 +89,7 @@ void blockSignals() {
 
 void startUp() {
   platform::keepHeapSmall();
+  platform::audio::announceStreamRole();
   openlog(kName, kSyslogOptions, LOG_LOCAL0);
   if (create_varrunpid(invocationName()) != 0) {
     syslog(LOG_ERR, "%s: Only one instance of quillspeak can run at a time", "main");

@@ -106,4 +106,30 @@ TEST_F(SoundServerFaults, AServerThatHangsHoldsUpNeitherStopNorTearDownNorEnd) {
   EXPECT_LT(std::chrono::steady_clock::now() - asked, test::kSlowBuild ? 2s : 1s);
 }
 
+class StreamRole : public SoundServerFaults, public testing::WithParamInterface<bool> {};
+
+/// What the sound server knows of the streams that it plays.
+std::string streamProperties() {
+  std::string text;
+  FILE* const list = popen("LC_ALL=C pactl list sink-inputs", "r");
+  for (int letter = std::fgetc(list); letter != EOF; letter = std::fgetc(list))
+    text += static_cast<char>(letter);
+  pclose(list);
+  return text;
+}
+
+TEST_P(StreamRole, IsAccessibilityWhereTheUserWantsNoOther) {
+  const bool usersOwn = GetParam();
+  usersOwn ? setenv("PULSE_PROP", "media.role=music x.y=z", 1) : unsetenv("PULSE_PROP");
+  startOnServer();
+  speakUntilHeard();
+  const std::string properties = streamProperties();
+  for (const std::string_view one :
+       {usersOwn ? "media.role = \"music\"" : "media.role = \"a11y\"",
+        "application.name = \"Quillspeak\"", "application.icon_name = \"preferences-desktop-"})
+    EXPECT_NE(properties.find(one), std::string::npos) << one << " in\n" << properties;
+}
+
+INSTANTIATE_TEST_SUITE_P(Users, StreamRole, testing::Bool());
+
 }  // namespace
