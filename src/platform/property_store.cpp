@@ -18,8 +18,7 @@ platform::Mutex storeMutex(true);
 platform::KeyValueFile store GUARDED_BY(storeMutex);
 
 std::optional<std::string> valueOf(const char* key) {
-  const std::string path =
-      platform::environmentOr("QUILLSPEAK_PROPERTIES", "/etc/quillspeak/properties.conf");
+  const std::string path = platform::propertyFile();
   const platform::MutexLock lock(storeMutex);
   if (!store.refresh(path)) return std::nullopt;
   const std::string* value = store.find(key);
@@ -27,6 +26,10 @@ std::optional<std::string> valueOf(const char* key) {
 }
 
 }  // namespace
+
+std::string platform::propertyFile() {
+  return environmentOr("QUILLSPEAK_PROPERTIES", "/etc/quillspeak/properties.conf");
+}
 
 int getBooleanProperty(const char* key, bool* value) {
   const auto text = valueOf(key);

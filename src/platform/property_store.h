@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 // The telephone's property store: the file named by QUILLSPEAK_PROPERTIES, asked for at each read,
 // by default /etc/quillspeak/properties.conf. Read only; any thread; a change is seen at the next
@@ -13,3 +14,10 @@
 int getBooleanProperty(const char* key, bool* value);
 int getIntegerProperty(const char* key, int* value);
 int getStringProperty(const char* key, char* value, std::size_t size);
+
+namespace platform {
+
+/// Where the store's file is, or would be. Any thread.
+std::string propertyFile();
+
+}  // namespace platform

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/condition.h"
+#include "platform/unique_fd.h"
+
+namespace platform {
+
+/// Tells a loop that the file of the property store may have changed. What it watches is the file's
+/// folder, which also shows a file that is put in place by rename or is not there yet. A folder
+/// that is not there, is another one by now, or cannot be watched, and a change behind a link are
+/// found when the loop turns for another reason, a second later at most: nothing here wakes it but
+/// the folder. The loop's own thread.
+class PropertyFileWatch {
+ public:
+  /// Where there can be no descriptor the log says so, and only the loop's own turns remain.
+  PropertyFileWatch();
+
+  /// Readable when something happened in the folder, until the next look; -1 where there is none.
+  int descriptor() const { return inotify.get(); }
+
+  /// To be asked at each turn of the loop. True the first time, when something happened in the
+  /// folder, and when a second has passed since it was last true. Does not block.
+  bool mayHaveChanged();
+
+ private:
+  bool somethingHappened() const;
+  void watchFolder();
+
+  const std::string folder;
+  UniqueFd inotify;
+  int watched = -1;  // as inotify numbers it; -1 for none
+  int lastError = 0;
+  std::optional<MonotonicTime> lastLook;
+};
+
+}  // namespace platform
