@@ -75,6 +75,7 @@ void CheckingBusDispatcher::do_iteration() {
     poll(ours, std::size(ours), -1);
     return;
   }
+  if (turn) turn();
   DBus::BusDispatcher::do_iteration();
 }
 

@@ -3,6 +3,7 @@
 #include <functional>
 #include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <dbus-c++/dbus.h>
@@ -33,6 +34,10 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
 
   BusWork& work() { return posted; }
 
+  /// What to do at each turn of the loop while the connection is its own; null for nothing. May not
+  /// throw. Main thread.
+  void atEachTurn(std::function<void()> work) { turn = std::move(work); }
+
   /// From the next iteration on the loop runs posted work alone and leaves the connection to
   /// another thread: two that read from it would wait for each other where the bus is lost. For the
   /// rest of the cycle; loop's own thread.
@@ -54,6 +59,7 @@ class CheckingBusDispatcher : public DBus::BusDispatcher {
   /// Was the loop told to leave?
   bool left = false;
   bool connectionIsAnothers = false;
+  std::function<void()> turn;
   const std::thread::id loopThread = std::this_thread::get_id();
   std::vector<DBus::Watch*> removedWatches;     // loop's thread only
   std::vector<DBus::Timeout*> removedTimeouts;  // loop's thread only

@@ -6,6 +6,7 @@
 
 #include "app/automation_client.h"
 #include "app/bus_dispatcher.h"
+#include "app/state_signal.h"
 #include "core/controller.h"
 #include "dbus/quillspeak_dbus_impl.h"
 #include "media/media_interface.h"
@@ -38,6 +39,7 @@ void serve(CheckingBusDispatcher& dispatcher, DBus::Connection& connection) {
   syslog(LOG_NOTICE, "%s: DBus connection successful. Creating QS_Controller", "main");
   qs_flite_init();
   QuillspeakDBusImpl service(connection, dispatcher.work());
+  const StateSignal stateSignal(dispatcher, service);
   QS_MessageQueueThread queue;
   QS_MediaInterface media;
   QS_Controller controller(&service, &queue, &media);

@@ -79,6 +79,7 @@ QuillspeakDBusImpl::QuillspeakDBusImpl(DBus::Connection& connection, BusWork& po
     : DBus::ObjectAdaptor(connection, kObjectPath), mPosted(posted) {
   Version = 1;
   State = 0;
+  mAnnouncedState = readState();
   guardMethods();
   mFinishedCallback =
       std::make_shared<DBus::Callback<QuillspeakDBusImpl, void, FliteConversionResponse&>>(
@@ -257,6 +258,20 @@ void QuillspeakDBusImpl::on_get_property(DBus::InterfaceAdaptor& /*interface*/,
   }
   value.clear();
   value.writer().append_int32(state);
+}
+
+std::int32_t QuillspeakDBusImpl::readState() {
+  com::wexel::QuillspeakInterface1_adaptor& served = *this;
+  on_get_property(served, "State", *served.get_property("State"));
+  return State();
+}
+
+void QuillspeakDBusImpl::announceState() {
+  const std::int32_t state = readState();
+  if (state == mAnnouncedState) return;
+  com::wexel::QuillspeakInterface1_adaptor& served = *this;
+  emitChanged(served.name(), "State", *served.get_property("State"));
+  mAnnouncedState = state;
 }
 
 }  // namespace qs_ns

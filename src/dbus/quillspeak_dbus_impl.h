@@ -36,6 +36,11 @@ class QuillspeakDBusImpl final : public QS_DBusBase,
   /// Before the bus loop runs. Not owned.
   void setController(QS_Controller* controller) { mController = controller; }
 
+  /// Reads `State` as a client would and emits `PropertiesChanged` where it is no longer what was
+  /// last announced, or what it was when the object was made. Bus thread, not within a call of the
+  /// library's.
+  void announceState();
+
   void reportPlayRequestResult(const std::vector<std::string>& texts, const unsigned int& params,
                                const unsigned int& type, const unsigned int& flags,
                                const unsigned int& resultCode, const void* request) override;
@@ -61,6 +66,7 @@ class QuillspeakDBusImpl final : public QS_DBusBase,
     std::unique_ptr<QS_ConvertTTSThread> thread;
   };
 
+  std::int32_t readState();
   void guardMethods();
   bool answerWithoutInterface(const DBus::Message& message);
   DBus::Tag* startConversion(const std::string& text, const std::string& path);
@@ -71,6 +77,7 @@ class QuillspeakDBusImpl final : public QS_DBusBase,
   void endConversions();
 
   QS_Controller* mController = nullptr;
+  std::int32_t mAnnouncedState = 0;
   ConversionCallback mFinishedCallback;
   BusWork& mPosted;
   DBus::MessageSlot mFilter;

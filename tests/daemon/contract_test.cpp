@@ -77,6 +77,76 @@ TEST_F(Contract, AllPropertiesAreReadAtOnce) {
             "org.freedesktop.DBus.Error.InvalidArgs");
 }
 
+/// What the daemon announces of its state, in order.
+class Announcements {
+ public:
+  explicit Announcements(sd_bus* bus) {
+    sd_bus_match_signal(bus, nullptr, nullptr, test::kPath, kProperties, "PropertiesChanged",
+                        onChanged, this);
+  }
+  std::vector<std::int32_t> states;
+
+ private:
+  static int onChanged(sd_bus_message* message, void* self, sd_bus_error*) {
+    const char* interface = "";
+    const char* property = "";
+    std::int32_t state = 0;
+    const int status =
+        sd_bus_message_read(message, "sa{sv}as", &interface, 1, &property, "i", &state, 0);
+    EXPECT_GE(status, 0);
+    EXPECT_EQ(interface, std::string(kInterface));
+    EXPECT_EQ(property, std::string("State"));
+    static_cast<Announcements*>(self)->states.push_back(state);
+    return 0;
+  }
+};
+
+TEST_F(Contract, AChangedStateIsAnnouncedOnceAndWithoutAQuestion) {
+  const std::string etc = folder / "etc";
+  const std::string file = etc + "/properties.conf";
+  const auto replace = [&](const char* text) { return [=, this] { setProperties(text); }; };
+  constexpr char kOff[] = "device.accessibility.qs_enabled = off\n";
+  constexpr char kOnAndFast[] = "device.accessibility.qs_enabled = yes\nqs_speed = 5\n";
+  const struct {
+    const char* what;
+    std::function<void()> change;
+    std::vector<std::int32_t> announced;
+  } kSteps[] = {
+      {"off, by rename", replace(kOff), {-1}},
+      {"off again", replace(kOff), {}},
+      {"on, by rename", replace(test::kEnabled), {0}},
+      {"another key", replace(kOnAndFast), {}},
+      {"touched", [&] { std::filesystem::last_write_time(file, {}); }, {}},
+      {"off, in place", [&] { std::ofstream(file, std::ios::in) << kOff << '#'; }, {-1}},
+      {"on, in place", [&] { std::ofstream(file, std::ios::in) << test::kEnabled; }, {0}},
+      {"deleted", [&] { std::filesystem::remove(file); }, {-1}},
+      {"created", [&] { test::writeFile(file, test::kEnabled); }, {0}},
+      {"moved away", [&] { std::filesystem::rename(file, etc + ".old"); }, {-1}},
+      {"moved back", [&] { std::filesystem::rename(etc + ".old", file); }, {0}},
+      {"folder moved away", [&] { std::filesystem::rename(etc, etc + ".old"); }, {-1}},
+      {"changed where it is not looked for", [&] { test::writeFile(etc + ".old/x", ""); }, {}},
+  };
+  Announcements announcements(client->bus());
+  EXPECT_EQ(client->property("State"), 0);
+  for (const auto& step : kSteps) {
+    announcements.states.clear();
+    step.change();
+    // Those that come need nobody who asks; those too many would come before an answer.
+    client->until([&] { return announcements.states.size() >= step.announced.size(); });
+    client->property("State");
+    client->results();
+    EXPECT_EQ(announcements.states, step.announced) << step.what;
+  }
+  // Nothing wakes a loop whose folder is gone: it looks when it is asked something.
+  announcements.states.clear();
+  std::filesystem::rename(etc + ".old", etc);
+  const auto announced = [&] { return !announcements.states.empty(); };
+  EXPECT_TRUE(client->until([&] { return client->property("Version") == 1 && announced(); }));
+  announcements.states.clear();
+  setProperties(kOff);
+  EXPECT_TRUE(client->until(announced)) << "the folder that came back is watched";
+}
+
 TEST_F(Contract, LimitsAreNamedAndWhatIsWithinThemIsTaken) {
   const auto words = [](std::size_t letters) {
     std::string text(letters, 'a');

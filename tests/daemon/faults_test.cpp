@@ -47,7 +47,7 @@ const struct {
 };
 
 TEST_F(Faults, FilesThatCannotBeReadLeaveDefaultsLexiconAndResult) {
-  const std::string properties = folder / "properties.conf";
+  const std::string properties = folder / "etc/properties.conf";
   const std::string lexicon = folder / "files/addenda.lex";
   const std::string alert = folder / "files/error_mono.raw";
   std::filesystem::create_directory(folder / "files");

@@ -100,7 +100,9 @@ Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, const
     : logFile(folder / "log") {
   std::filesystem::create_directory(folder / "files");
   std::filesystem::create_directory(folder / "run");
-  writeFile(folder / "properties.conf", options.properties);
+  // Alone in its folder, which the daemon watches.
+  std::filesystem::create_directory(folder / "etc");
+  writeFile(folder / "etc/properties.conf", options.properties);
   writeFile(folder / "trace.conf", "baseseverity = " + std::to_string(options.baseSeverity) + "\n");
   // It is watched before the daemon has logged anything.
   const std::ofstream created(logFile, std::ios::app);
@@ -118,7 +120,7 @@ Daemon::Daemon(const ScratchFolder& folder, const std::string& busAddress, const
       environment.end(),
       {preloadEntry(), "QS_TEST_SYSLOG=" + logFile, "QS_TEST_FILES=" + (folder / "files"),
        "DBUS_SYSTEM_BUS_ADDRESS=" + busAddress, "QUILLSPEAK_RUN_DIR=" + (folder / "run"),
-       "QUILLSPEAK_AUDIO=" + audio, "QUILLSPEAK_PROPERTIES=" + (folder / "properties.conf"),
+       "QUILLSPEAK_AUDIO=" + audio, "QUILLSPEAK_PROPERTIES=" + (folder / "etc/properties.conf"),
        "QUILLSPEAK_TRACE=" + (folder / "trace.conf")});
   process = std::make_unique<ChildProcess>(program, arguments, environment);
 }

@@ -242,7 +242,7 @@ class DaemonTest : public testing::Test {
 
   void setProperties(const std::string& text) {
     writeFile(folder / "properties.new", text);
-    std::filesystem::rename(folder / "properties.new", folder / "properties.conf");
+    std::filesystem::rename(folder / "properties.new", folder / "etc/properties.conf");
   }
 
   /// The daemon was told to go, and does within a second, with that status.
