@@ -285,8 +285,8 @@ TEST_F(Stress, NothingIsLostDoubledOrKept) {
       "resident %ld and %ld KiB, descriptors %ld and %ld, threads %ld and %ld, "
       "median of a call %ld and %ld us\n",
       requests, callTimes.size(), seen.size(), conversions, early.residentKiB, late.residentKiB,
-      early.descriptors, late.descriptors, early.threads, late.threads, long{first.count()},
-      long{rest.count()});
+      early.descriptors, late.descriptors, early.threads, late.threads,
+      static_cast<long>(first.count()), static_cast<long>(rest.count()));
   EXPECT_EQ(late.descriptors, early.descriptors);
   EXPECT_LE(late.threads, early.threads);
   EXPECT_LE(rest, 2 * first + 300us);
