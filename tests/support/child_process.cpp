@@ -29,6 +29,16 @@ std::vector<std::string> withOurs(const Environment& added) {
   return all;
 }
 
+// What was built for another processor than this machine's runs under an emulator; what is
+// installed does not.
+void addEmulator([[maybe_unused]] std::vector<std::string>& command) {
+#ifdef QS_TEST_EMULATOR
+  const std::vector<std::string> emulator{QS_TEST_EMULATOR};
+  if (command.front().starts_with(QS_TEST_BUILD_FOLDER))
+    command.insert(command.begin(), emulator.begin(), emulator.end());
+#endif
+}
+
 }  // namespace
 
 std::string preloadEntry() {
@@ -44,8 +54,9 @@ ChildProcess::ChildProcess(const std::string& program, std::vector<std::string> 
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
   arguments.insert(arguments.begin(), program);
+  addEmulator(arguments);
   std::vector<std::string> variables = withOurs(environment);
-  const int error = posix_spawn(&process, program.c_str(), &actions, nullptr,
+  const int error = posix_spawn(&process, arguments.front().c_str(), &actions, nullptr,
                                 pointers(arguments).data(), pointers(variables).data());
   posix_spawn_file_actions_destroy(&actions);
   close(ends[1]);

@@ -5,6 +5,7 @@
 //   QS_TEST_FILES   a folder in which the files of fixed paths are looked for, by their names alone
 //                   and in which a file "no-threads" makes every start of a thread fail; where it
 //                   has a pipe "hold-NAME", who opens a file NAME waits until the pipe is opened
+//   QS_TEST_NOISE   rand, from which the voice draws its noise, always gives the same number
 
 // The fortified headers define what is defined here.
 #undef _FORTIFY_SOURCE
@@ -149,6 +150,12 @@ FILE* fopen(const char* path, const char* mode) {
   static const auto original = next<FILE*(const char*, const char*)>("fopen");
   char moved[PATH_MAX];
   return original(redirected("", path, moved), mode);
+}
+
+int rand() noexcept {
+  static const auto original = next<int()>("rand");
+  static const bool pinned = std::getenv("QS_TEST_NOISE") != nullptr;
+  return pinned ? 1 : original();
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
