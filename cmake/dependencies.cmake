@@ -18,12 +18,15 @@ target_link_libraries(flite INTERFACE ${FLITE_VOICE_LIBRARY} ${FLITE_ENGLISH_LIB
 find_program(DBUSXX_XML2CPP dbusxx-xml2cpp REQUIRED)
 
 # GCC's stack reader lies in the compiler's own folders. Clang looks there for libraries but must
-# not for headers (they would hide its own), so the one header is copied out.
+# not for headers (they would hide its own), so the one header is copied out. It is no part of a
+# sysroot.
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-libgcc-file-name
                 OUTPUT_VARIABLE LIBGCC OUTPUT_STRIP_TRAILING_WHITESPACE)
 get_filename_component(GCC_FOLDER ${LIBGCC} DIRECTORY)
-find_library(BACKTRACE_LIBRARY backtrace HINTS ${GCC_FOLDER} REQUIRED)
-find_file(BACKTRACE_HEADER backtrace.h HINTS ${GCC_FOLDER}/include REQUIRED)
+find_library(BACKTRACE_LIBRARY backtrace HINTS ${GCC_FOLDER} REQUIRED
+             NO_CMAKE_FIND_ROOT_PATH)
+find_file(BACKTRACE_HEADER backtrace.h HINTS ${GCC_FOLDER}/include REQUIRED
+          NO_CMAKE_FIND_ROOT_PATH)
 configure_file(${BACKTRACE_HEADER} ${CMAKE_BINARY_DIR}/backtrace/backtrace.h COPYONLY)
 add_library(backtrace INTERFACE)
 target_link_libraries(backtrace INTERFACE ${BACKTRACE_LIBRARY})
