@@ -135,12 +135,9 @@ void KeyValueFile::parse(std::string_view text) {
 }
 
 void KeyValueFile::parseLine(std::string_view line) {
-  line = line.substr(0, line.find('#'));
-  const std::size_t equals = line.find('=');
-  // A NUL would cut the value short for a caller that wants a C string.
-  if (equals == std::string_view::npos || line.find('\0') != std::string_view::npos) return;
-  const std::string_view key = trimmed(line.substr(0, equals));
-  if (!key.empty()) values.insert_or_assign(std::string(key), trimmed(line.substr(equals + 1)));
+  if (const auto setting = parseSetting(line)) {
+    values.insert_or_assign(std::string(setting->first), setting->second);
+  }
 }
 
 // A missing file is a setting like any other; what was meant to be read and could not be is said
@@ -151,6 +148,18 @@ bool KeyValueFile::fail(int error) {
   }
   lastError = error;
   return false;
+}
+
+std::optional<std::pair<std::string_view, std::string_view>> parseSetting(std::string_view line) {
+  line = line.substr(0, line.find('#'));
+  const std::size_t equals = line.find('=');
+  // A NUL would cut the value short for a caller that wants a C string.
+  if (equals == std::string_view::npos || line.find('\0') != std::string_view::npos) return {};
+  const std::string_view key = trimmed(line.substr(0, equals));
+  if (key.empty()) return {};
+  const std::string_view rest = line.substr(equals + 1);
+  const std::string_view value = trimmed(rest);
+  return std::pair(key, value.empty() ? rest.substr(0, 0) : value);
 }
 
 std::optional<bool> parseBoolean(std::string_view text) {

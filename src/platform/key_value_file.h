@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace platform {
 
@@ -50,6 +51,10 @@ class KeyValueFile {
   int lastError = 0;
   unsigned parsed = 0;
 };
+
+/// Key and value of a line without its newline, both views into it (also where the value is empty);
+/// nothing where it sets nothing.
+std::optional<std::pair<std::string_view, std::string_view>> parseSetting(std::string_view line);
 
 /// `true`/`false`, `1`/`0`, `yes`/`no`, `on`/`off`, in any case.
 std::optional<bool> parseBoolean(std::string_view text);
