@@ -11,6 +11,7 @@
 #include "failure.h"
 #include "requests.h"
 #include "say.h"
+#include "settings.h"
 #include "watch.h"
 
 namespace {
@@ -85,6 +86,17 @@ void addRequests(CLI::App& app, int& code) {
   });
 }
 
+void addSettings(CLI::App& app) {
+  const auto setting = std::make_shared<std::pair<std::string, std::string>>();
+  auto* const get = app.add_subcommand("get", "Print a property in force");
+  get->add_option("key", setting->first, "The property")->required();
+  get->callback([setting] { qs_client::printProperty(setting->first); });
+  auto* const set = app.add_subcommand("set", "Change a property");
+  set->add_option("key", setting->first, "The property")->required();
+  set->add_option("value", setting->second, "Its new value")->required();
+  set->callback([setting] { qs_client::setProperty(setting->first, setting->second); });
+}
+
 void addReports(CLI::App& app, int& code) {
   const auto json = std::make_shared<bool>();
   auto* const status = app.add_subcommand("status", "Tell whether the daemon runs");
@@ -106,6 +118,7 @@ int main(int argc, char** argv) {
   addSay(app, code);
   addRequests(app, code);
   addReports(app, code);
+  addSettings(app);
   try {
     app.parse(argc, argv);
     return code;

@@ -18,7 +18,8 @@ class CommandLine : public test::DaemonTest {
   std::unique_ptr<test::ChildProcess> run(const std::vector<std::string>& arguments) const {
     return std::make_unique<test::ChildProcess>(
         QUILLSPEAK_CLIENT, arguments,
-        test::Environment{"DBUS_SYSTEM_BUS_ADDRESS=" + bus.address()});
+        test::Environment{"DBUS_SYSTEM_BUS_ADDRESS=" + bus.address(),
+                          "QUILLSPEAK_PROPERTIES=" + (folder / "properties.conf")});
   }
   static Ended end(test::ChildProcess& process) {
     Ended ended;
@@ -89,6 +90,22 @@ TEST_F(CommandLine, ADisplacedRequestHasNoResult) {
   ASSERT_TRUE(daemon->waitForLog("Sending string with size 1"));
   client->play({"b"}, 2);
   EXPECT_EQ(end(*saying).code, 4);
+}
+
+TEST_F(CommandLine, ASettingIsChangedInItsPlace) {
+  const std::string speed = "device.accessibility.qs_speed";
+  const auto file = [&](const char* value) {
+    return "# mine\n" + speed + " = 2\n" + speed + " = " + value + "  # fast\nother = 1\n";
+  };
+  setProperties(file("4"));
+  EXPECT_EQ(finish({"get", speed}).output, "4\n");
+  EXPECT_EQ(finish({"set", speed, "5"}).code, 0);
+  EXPECT_EQ(test::readFile(folder / "properties.conf"), file("5"));
+  EXPECT_TRUE(daemon->waitForLog("ReloadConfig: 0"));
+  EXPECT_EQ(finish({"set", speed, "6"}).code, 1);
+  EXPECT_EQ(finish({"set", "qs_voise", "slt"}).code, 1);
+  EXPECT_EQ(finish({"set", "qs_voice", "slt"}).code, 0);
+  EXPECT_EQ(test::readFile(folder / "properties.conf"), file("5") + "qs_voice = slt\n");
 }
 
 }  // namespace
