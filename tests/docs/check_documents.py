@@ -1,0 +1,238 @@
+#!/usr/bin/python3
+"""Runs every command of the documents, or checks it where it cannot be run here.
+
+usage: check_documents.py --source DIR --build DIR DOCUMENT...
+
+Commands are indented by four blanks or fenced as `sh`. They run in a scratch folder, on a private bus,
+with the daemon of the build, whose sound goes nowhere.
+"""
+import argparse
+import json
+import os
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+PATIENCE = 30  # seconds
+NO_COMMANDS = {"", "text", "ini", "xml"}  # what else a fence may hold
+
+# Run as they are: they reach the daemon over the bus.
+RUN = [r"(\w+=\$\()?(busctl|gdbus (call|introspect)|quillspeak) ", r"quillspeak-daemon dump "]
+
+# Run until they have shown what a request was answered with.
+ENDLESS = [r"gdbus monitor ", r"quillspeak watch"]
+
+# Not run: what begins like this, why not, and what is looked at instead.
+CHECKED = [
+    (r"tools/", "builds, installs packages or takes minutes", "tool"),
+    (r"cmake --preset ", "configures another build", "preset"),
+    (r"cmake --build ", "builds for minutes", "build"),
+    (r"ctest --preset ", "takes minutes", "preset"),
+    (r"build/(dev|fuzz|bench)/", "runs for as long as is asked for, or is not built here", "program"),
+    (r"build/release/quillspeak-daemon$", "serves for ever", "daemon"),
+    (r"mkdir ", "only for commands that are not run", "none"),
+    (r"sudo ", "needs root on an installed system", "none"),
+    (r"systemctl |journalctl ", "needs an installed service", "none"),
+    (r"git ", "changes the repository", "none"),
+]
+
+
+def commands(text):
+    """Pairs of a line number and a block's commands, continued lines joined."""
+    blocks, block, fence, began = [], [], None, 0
+    lines = text.splitlines() + [""]
+    for number, line in enumerate(lines, 1):
+        mark = re.match(r"```(\S*)", line)
+        if mark:
+            if fence is None:
+                fence = mark[1]
+                assert fence == "sh" or fence in NO_COMMANDS, f"line {number}: fence of {fence}"
+            else:
+                fence = None
+        indented = fence is None and line.startswith("    ")
+        if (indented or fence == "sh") and not mark:
+            began = began or number
+            block.append(line.strip())
+        elif block:
+            joined = "\n".join(block).replace("\\\n", " ")
+            wanted = [c for c in joined.split("\n") if c and not c.startswith("#")]
+            blocks.append((began, wanted))
+            block, began = [], 0
+    assert fence is None, "a fence is not closed"
+    return blocks
+
+
+def matches(patterns, command):
+    return any(re.match(pattern, command) for pattern in patterns)
+
+
+class Checks:
+    """What can be said of a command without running it: an empty text, or what is wrong."""
+
+    def __init__(self, source, build):
+        self.source, self.build = source, build
+        self.presets = json.loads((source / "CMakePresets.json").read_text())
+        files = source.glob("**/CMakeLists.txt")
+        self.cmake = "\n".join(f.read_text() for f in files if "build" not in f.parts)
+
+    def none(self, _):
+        return ""
+
+    def tool(self, words):
+        tool = self.source / words[0]
+        if not os.access(tool, os.X_OK):
+            return f"no program {words[0]}"
+        asked = subprocess.run([tool, "--help"], capture_output=True, text=True, timeout=PATIENCE)
+        for word in words[1:]:
+            is_word = re.fullmatch(r"(--)?[a-z][-a-z]*", word)
+            if is_word and not re.search(rf"(?<![-\w]){word}(?![-\w])", asked.stdout):
+                return f"{words[0]} --help does not know {word}"
+        return "" if asked.returncode == 0 else f"{words[0]} has no --help"
+
+    def has_preset(self, kind, name):
+        names = [p["name"] for p in self.presets[kind] if not p.get("hidden")]
+        return "" if name in names else f"no preset {name}"
+
+    def preset(self, words):
+        return self.has_preset("testPresets" if words[0] == "ctest" else "configurePresets", words[2])
+
+    def build_tree(self, folder):
+        return self.has_preset("configurePresets", folder.split("/")[1])
+
+    def target(self, name):
+        made = rf"(add_executable|add_library|quillspeak_\w+|add_custom_target)\(\s*{name}\b"
+        return "" if re.search(made, self.cmake) else f"no target {name}"
+
+    def build_command(self, words):
+        wrong = (self.has_preset("buildPresets", words[3]) if words[2] == "--preset"
+                 else self.build_tree(words[2]))
+        named = words[words.index("--target") + 1:] if "--target" in words else []
+        return wrong or next(filter(None, map(self.target, named)), "")
+
+    def program(self, words):
+        return self.build_tree(words[0]) or self.target(Path(words[0]).name) or self.options(words)
+
+    def options(self, words):
+        """Test programs have no --help: their sources name what they take."""
+        stem = Path(words[0]).name.removeprefix("daemon_")
+        text = "".join(f.read_text() for f in self.source.glob(f"tests/*/{stem}.cpp"))
+        for word in words[1:]:
+            if word.startswith("--") and word.split("=")[0] not in text:
+                return f"{words[0]} does not know {word}"
+        return ""
+
+    def daemon(self, _):
+        return self.target("quillspeak-daemon")
+
+    def wrong(self, kind, command):
+        for part in command.split("&&"):
+            words = shlex.split(part, comments=True)
+            part_kind = kind
+            if part is not command:
+                part_kind = next((k for p, _, k in CHECKED if re.match(p, part.strip())), None)
+                if part_kind is None:
+                    return f"unclassified: {part}"
+            checked = getattr(self, {"build": "build_command"}.get(part_kind, part_kind))(words)
+            if checked:
+                return checked
+        return ""
+
+
+class Service:
+    """A bus and the daemon on it, in a scratch folder."""
+
+    def __init__(self, source, build):
+        self.folder = Path(tempfile.mkdtemp(prefix="quillspeak-docs."))
+        address = f"unix:path={self.folder}/bus"
+        (self.folder / "properties.conf").write_text("device.accessibility.qs_enabled = true\n")
+        self.environment = dict(
+            os.environ, DBUS_SYSTEM_BUS_ADDRESS=address, QUILLSPEAK_AUDIO="null",
+            QUILLSPEAK_RUN_DIR=str(self.folder), LC_ALL="C.UTF-8",
+            QUILLSPEAK_PROPERTIES=str(self.folder / "properties.conf"),
+            PATH=f"{build}:{build}/client:{os.environ['PATH']}")
+        self.bus = subprocess.Popen(
+            ["dbus-daemon", f"--config-file={source}/tools/bus.conf", f"--address={address}",
+             "--nofork", "--print-address=1"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.bus.stdout.readline()
+        self.daemon = subprocess.Popen([build / "quillspeak-daemon"], env=self.environment,
+                                       stderr=subprocess.DEVNULL)
+        gdbus = ["gdbus", "wait", "--system", "--timeout", str(PATIENCE), "com.wexel.Quillspeak"]
+        subprocess.run(gdbus, env=self.environment, check=True)
+
+    def run(self, script):
+        done = subprocess.run(["bash", "-euo", "pipefail", "-c", script], cwd=self.folder, text=True,
+                              env=self.environment, capture_output=True, timeout=4 * PATIENCE)
+        return "" if done.returncode == 0 else f"status {done.returncode}: {done.stderr.strip()}"
+
+    def watch(self, command):
+        """Lets the command see requests until it shows the result of one."""
+        shown = subprocess.Popen(command, shell=True, stdout=subprocess.PIPE, text=True,
+                                 cwd=self.folder, env=self.environment, start_new_session=True)
+        os.set_blocking(shown.stdout.fileno(), False)
+        play = ("busctl --system call com.wexel.Quillspeak /com/wexel/Quillspeak "
+                "com.wexel.QuillspeakInterface1 DoTTSAndPlay asiii 1 Documented 0 0 0")
+        seen, deadline = "", time.monotonic() + PATIENCE
+        try:
+            while "Documented" not in seen:
+                if shown.poll() is not None or time.monotonic() > deadline:
+                    return f"showed no result: {seen}"
+                wrong = self.run(play)  # before it listens, nothing is seen: hence again and again
+                if wrong:
+                    return wrong
+                time.sleep(0.5)
+                seen += shown.stdout.read() or ""
+            return ""
+        finally:
+            os.killpg(shown.pid, 15)
+            shown.wait()
+
+    def end(self):
+        for process in (self.daemon, self.bus):
+            process.terminate()
+            process.wait(PATIENCE)
+        shutil.rmtree(self.folder)
+
+
+def check(documents, checks, service):
+    ran, looked_at, wrongs = 0, 0, []
+    for document in documents:
+        for line, block in commands(document.read_text()):
+            script = []
+            for command in block:
+                looked = next((k for p, _, k in CHECKED if re.match(p, command)), None)
+                if matches(ENDLESS, command):
+                    wrong, ran = service.watch(command), ran + 1
+                elif matches(RUN, command):
+                    wrong, ran = service.run("\n".join([*script, command])), ran + 1
+                    script += [command] if re.match(r"\w+=", command) else []
+                elif looked:
+                    wrong, looked_at = checks.wrong(looked, command), looked_at + 1
+                else:
+                    wrong = "unclassified: say in this script whether it can be run"
+                if wrong:
+                    wrongs.append(f"{document.name}:{line}: {command}\n    {wrong}")
+    return ran, looked_at, wrongs
+
+
+def main():
+    arguments = argparse.ArgumentParser()
+    arguments.add_argument("--source", type=Path, required=True)
+    arguments.add_argument("--build", type=Path, required=True)
+    arguments.add_argument("documents", type=Path, nargs="+")
+    given = arguments.parse_args()
+    service = Service(given.source, given.build)
+    try:
+        ran, looked_at, wrongs = check(given.documents, Checks(given.source, given.build), service)
+    finally:
+        service.end()
+    print(f"{ran} commands run, {looked_at} only checked")
+    print("\n".join(wrongs))
+    return 1 if wrongs or ran == 0 else 0
+
+
+sys.exit(main())
