@@ -194,7 +194,8 @@ class Service:
                 seen = output.read_text()
             return ""
         finally:
-            os.killpg(shown.pid, 15)
+            if shown.poll() is None:
+                os.killpg(shown.pid, 15)
             shown.wait()
 
     def end(self):
