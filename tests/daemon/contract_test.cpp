@@ -132,7 +132,8 @@ TEST_F(Contract, AChangedStateIsAnnouncedOnceAndWithoutAQuestion) {
     announcements.states.clear();
     step.change();
     // Those that come need nobody who asks; those too many would come before an answer.
-    client->until([&] { return announcements.states.size() >= step.announced.size(); });
+    const auto come = [&] { return announcements.states.size() >= step.announced.size(); };
+    ASSERT_TRUE(client->until(come)) << step.what;
     client->property("State");
     client->results();
     EXPECT_EQ(announcements.states, step.announced) << step.what;
