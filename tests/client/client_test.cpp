@@ -19,7 +19,7 @@ class CommandLine : public test::DaemonTest {
     return std::make_unique<test::ChildProcess>(
         QUILLSPEAK_CLIENT, arguments,
         test::Environment{"DBUS_SYSTEM_BUS_ADDRESS=" + bus.address(),
-                          "QUILLSPEAK_PROPERTIES=" + (folder / "properties.conf")});
+                          "QUILLSPEAK_PROPERTIES=" + (folder / "etc/properties.conf")});
   }
   static Ended end(test::ChildProcess& process) {
     Ended ended;
@@ -100,12 +100,12 @@ TEST_F(CommandLine, ASettingIsChangedInItsPlace) {
   setProperties(file("4"));
   EXPECT_EQ(finish({"get", speed}).output, "4\n");
   EXPECT_EQ(finish({"set", speed, "5"}).code, 0);
-  EXPECT_EQ(test::readFile(folder / "properties.conf"), file("5"));
+  EXPECT_EQ(test::readFile(folder / "etc/properties.conf"), file("5"));
   EXPECT_TRUE(daemon->waitForLog("ReloadConfig: 0"));
   EXPECT_EQ(finish({"set", speed, "6"}).code, 1);
   EXPECT_EQ(finish({"set", "qs_voise", "slt"}).code, 1);
   EXPECT_EQ(finish({"set", "qs_voice", "slt"}).code, 0);
-  EXPECT_EQ(test::readFile(folder / "properties.conf"), file("5") + "qs_voice = slt\n");
+  EXPECT_EQ(test::readFile(folder / "etc/properties.conf"), file("5") + "qs_voice = slt\n");
 }
 
 }  // namespace
