@@ -76,6 +76,14 @@ bool ChildProcess::readByte() {
   return read(output, &byte, 1) == 1;
 }
 
+std::string ChildProcess::readUntil(const std::string& end) {
+  std::string text;
+  char byte = 0;
+  while (!text.ends_with(end) && read(output, &byte, 1) == 1)
+    text += byte;
+  return text;
+}
+
 std::string ChildProcess::readAll() {
   std::string text;
   char part[4096];

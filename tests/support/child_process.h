@@ -27,6 +27,8 @@ class ChildProcess {
   bool hasEnded() const { return ended; }
   /// Blocks for the next byte of the child's standard output; false at its end.
   bool readByte();
+  /// Blocks until the child has put out `end`: all that came up to that, or to the output's end.
+  std::string readUntil(const std::string& end);
   /// What is left of the child's standard output, to its end.
   std::string readAll();
   /// Blocks until the child has ended: its wait status.
