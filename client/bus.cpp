@@ -1,15 +1,21 @@
 #include "bus.h"
 
+#include <dbus/dbus-protocol.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 
 #include <csignal>
 
+#include "failure.h"
+
 namespace qs_client {
 
 namespace {
 
+constexpr char kPath[] = "/com/wexel/Quillspeak";
+constexpr char kInterface[] = "com.wexel.QuillspeakInterface1";
 constexpr char kService[] = "com.wexel.Quillspeak";
+constexpr int kCallMs = 25'000;
 constexpr char kOwnerChanges[] =
     "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',"
     "arg0='com.wexel.Quillspeak'";
@@ -22,6 +28,27 @@ bool isResult(const DBus::Message& message) {
     if (argument.type() != type) return false;
   }
   return true;
+}
+
+bool isReply(const DBus::Message& message) {
+  return message.type() == DBUS_MESSAGE_TYPE_METHOD_RETURN ||
+         message.type() == DBUS_MESSAGE_TYPE_ERROR;
+}
+
+std::string ownerOf(DBus::Connection& connection) {
+  DBus::CallMessage call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                         "GetNameOwner");
+  DBus::MessageIter arguments = call.writer();
+  arguments << std::string(kService);
+  std::string name;
+  try {
+    DBus::Message answer = connection.send_blocking(call, kCallMs);
+    DBus::MessageIter results = answer.reader();
+    results >> name;
+  } catch (const DBus::Error& error) {
+    if (!std::string_view(error.name()).ends_with(".NameHasNoOwner")) throw;
+  }
+  return name;
 }
 
 }  // namespace
@@ -38,25 +65,41 @@ Sieve::~Sieve() {
 
 bool Sieve::filter(const DBus::Message& message) {
   if (message.is_signal("org.freedesktop.DBus", "NameOwnerChanged")) {
-    std::string name;
-    std::string before;
-    std::string after;
-    DBus::MessageIter arguments = message.reader();
-    arguments >> name >> before >> after;
-    if (name == kService && !before.empty()) gone = true;
+    follow(message);
     return false;
   }
-  // The generated code that unpacks a result throws through the library where it is malformed.
-  return message.is_signal("com.wexel.QuillspeakInterface1", "ReportTTSPlayResult") &&
-         !isResult(message);
+  if (awaited != 0 && isReply(message) &&
+      static_cast<std::uint32_t>(message.reply_serial()) == awaited) {
+    reply = message;
+    return true;
+  }
+  if (!message.is_signal(kInterface, "ReportTTSPlayResult")) return false;
+  // Anybody may send such a signal, to us alone as well. The generated code that unpacks it throws
+  // through the library where it is malformed.
+  const char* const sender = message.sender();
+  return sender == nullptr || sender != daemon || !isResult(message);
+}
+
+void Sieve::follow(const DBus::Message& ownerChange) {
+  const char* const sender = ownerChange.sender();
+  if (sender == nullptr || std::string_view(sender) != "org.freedesktop.DBus") return;
+  std::string name;
+  std::string before;
+  std::string after;
+  DBus::MessageIter arguments = ownerChange.reader();
+  arguments >> name >> before >> after;
+  if (name != kService) return;
+  if (!before.empty() && before == daemon) gone = true;
+  daemon = after;
 }
 
 Bus::Bus()
     : DBus::Connection(DBus::Connection::SystemBus()),
       Sieve(static_cast<DBus::Connection&>(*this)),
-      DBus::ObjectProxy(static_cast<DBus::Connection&>(*this), "/com/wexel/Quillspeak", kService) {
+      DBus::ObjectProxy(static_cast<DBus::Connection&>(*this), kPath, kService) {
   DBus::Connection::exit_on_disconnect(false);
-  set_timeout(25'000);
+  set_timeout(kCallMs);
+  daemon = ownerOf(*this);
 }
 
 void Bus::ReportTTSPlayResult(const std::vector<std::string>& texts, const std::uint32_t& params,
@@ -87,22 +130,47 @@ Bus::End Bus::waitFor(const std::function<bool()>& done, Time deadline) {
     dispatcher.dispatch_pending();
     if (done()) return End::done;
     if (interrupted()) return End::interrupted;
-    if (gone || !DBus::Connection::connected()) return End::daemonGone;
+    if (!DBus::Connection::connected()) return End::busLost;
+    if (gone) return End::daemonGone;
     if (std::chrono::steady_clock::now() >= deadline) return End::deadline;
     dispatcher.do_iteration();
   }
 }
 
-std::string Bus::owner() {
-  DBus::CallMessage call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                         "GetNameOwner");
+void Bus::beginConversion(const std::string& text, const std::string& path) {
+  DBus::CallMessage call(kService, kPath, kInterface, "DoTTSFetchInFile");
   DBus::MessageIter arguments = call.writer();
-  arguments << std::string(kService);
-  DBus::Message reply = DBus::Connection::send_blocking(call, 25'000);
-  DBus::MessageIter results = reply.reader();
-  std::string name;
-  results >> name;
-  return name;
+  arguments << text << path;
+  if (!DBus::Connection::send(call, &awaited)) throw DBus::ErrorNoMemory("out of memory");
+}
+
+std::optional<std::int32_t> Bus::conversionResult() {
+  if (!reply) return std::nullopt;
+  if (reply->is_error()) throw DBus::Error(*reply);
+  std::int32_t code = 0;
+  DBus::MessageIter results = reply->reader();
+  results >> code;
+  return code;
+}
+
+std::string explain(const DBus::Error& error) {
+  const std::string_view name = error.name();
+  const auto is = [name](std::string_view end) { return name.ends_with(end); };
+  if (is(".ServiceUnknown") || is(".NameHasNoOwner")) return kNotRunning;
+  if (is(".AccessDenied")) {
+    return "the bus does not let you ask the daemon for this; join the group quillspeak";
+  }
+  if (is(".FileNotFound") || is(".NoServer")) {
+    return "there is no system bus; start it, or set DBUS_SYSTEM_BUS_ADDRESS";
+  }
+  if (is(".Disconnected")) return explain(Bus::End::busLost);
+  if (is(".NoReply")) return "the daemon did not answer; see its log";
+  return error.message();
+}
+
+std::string explain(Bus::End end) {
+  if (end == Bus::End::busLost) return "the bus was lost; try again when it is back";
+  return "the daemon left the bus; see its log";
 }
 
 }  // namespace qs_client

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,8 +27,8 @@ struct Loop {
   DBus::BusDispatcher dispatcher;
 };
 
-/// Sees every message before the proxy does: notes that the daemon has gone, and keeps back results
-/// that are not as declared.
+/// Sees every message before the proxy does: follows who owns the daemon's name, keeps back results
+/// that are not as declared or that somebody else sent, and holds the reply that is awaited.
 class Sieve {
  public:
   explicit Sieve(DBus::Connection& sifted);
@@ -36,10 +37,14 @@ class Sieve {
   Sieve& operator=(const Sieve&) = delete;
 
  protected:
-  bool gone = false;  // has the daemon lost its name?
+  std::string daemon;  // its unique name, empty where it does not run
+  bool gone = false;   // has the daemon lost its name?
+  std::uint32_t awaited = 0;
+  std::optional<DBus::Message> reply;  // the one to the message `awaited`
 
  private:
   bool filter(const DBus::Message& message);
+  void follow(const DBus::Message& ownerChange);
 
   DBus::Connection& connection;
   DBus::MessageSlot filtered;
@@ -55,7 +60,7 @@ class Bus final : private Loop,
                   public DBus::ObjectProxy {
  public:
   /// What ended a wait.
-  enum class End { done, deadline, interrupted, daemonGone };
+  enum class End { done, deadline, interrupted, daemonGone, busLost };
   using Time = std::chrono::steady_clock::time_point;
 
   /// Throws DBus::Error where there is no bus.
@@ -69,8 +74,13 @@ class Bus final : private Loop,
   /// Takes in results until `done` holds.
   End waitFor(const std::function<bool()>& done, Time deadline = Time::max());
 
-  /// The daemon's unique name; throws where it does not run.
-  std::string owner();
+  /// The daemon's unique name; empty where it does not run.
+  const std::string& owner() const { return daemon; }
+
+  /// Begins a conversion; a later `waitFor` takes its reply in.
+  void beginConversion(const std::string& text, const std::string& path);
+  /// Its result code, once it has one.
+  std::optional<std::int32_t> conversionResult();
 
  private:
   bool interrupted() const;
@@ -80,5 +90,10 @@ class Bus final : private Loop,
 
   platform::UniqueFd signals;
 };
+
+/// What a call failed of and what to do about it, in a sentence.
+std::string explain(const DBus::Error& error);
+/// The same for a wait that neither met its condition nor its deadline nor an interrupt.
+std::string explain(Bus::End end);
 
 }  // namespace qs_client

@@ -23,22 +23,6 @@ using qs_client::kUsage;
 constexpr char kExitCodes[] =
     "Exit codes: 0 played or done, 1 failed, 2 usage, 3 stopped, 4 no result.";
 
-std::string explain(const DBus::Error& error) {
-  const std::string name = error.name();
-  const auto is = [&name](const char* end) { return name.ends_with(end); };
-  if (is(".ServiceUnknown") || is(".NameHasNoOwner")) {
-    return "the daemon is not running; start quillspeak-daemon";
-  }
-  if (is(".AccessDenied")) {
-    return "the bus does not let you speak to the daemon; join the group quillspeak";
-  }
-  if (is(".FileNotFound") || is(".NoServer")) {
-    return "there is no system bus; start it, or set DBUS_SYSTEM_BUS_ADDRESS";
-  }
-  if (is(".NoReply") || is(".Disconnected")) return "the daemon did not answer; see its log";
-  return error.message();
-}
-
 void addSay(CLI::App& app, int& code) {
   auto* const command = app.add_subcommand("say", "Speak texts, or standard input");
   const auto options = std::make_shared<qs_client::SayOptions>();
@@ -58,9 +42,18 @@ void addSay(CLI::App& app, int& code) {
                    "urgent")
       ->transform(CLI::CheckedTransformer(names));
   command->add_option("--type", options->type, "A number of your own, reported back");
-  command->add_flag("!--no-wait", options->wait, "Print the handle and do not wait");
+  auto* const noWait =
+      command->add_flag("--no-wait", options->noWait, "Print the handle and do not wait");
+  const auto wait = std::make_shared<int>();
+  command
+      ->add_option("--wait", *wait, "Wait so long for the result where the texts alone need less")
+      ->check(CLI::Range(1, 86400))
+      ->excludes(noWait);
   command->footer(kExitCodes);
-  command->callback([options, &code] { code = qs_client::say(*options); });
+  command->callback([options, wait, &code] {
+    options->wait = std::chrono::seconds(*wait);
+    code = qs_client::say(*options);
+  });
 }
 
 void addRequests(CLI::App& app, int& code) {
@@ -125,7 +118,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kOk : kUsage;
   } catch (const DBus::Error& error) {
-    std::cerr << "quillspeak: " << explain(error) << '\n';
+    std::cerr << "quillspeak: " << qs_client::explain(error) << '\n';
   } catch (const std::exception& error) {
     std::cerr << "quillspeak: " << error.what() << '\n';
   }

@@ -3,10 +3,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <utility>
 
 #include "bus.h"
 #include "failure.h"
@@ -15,8 +18,6 @@
 namespace qs_client {
 
 namespace {
-
-constexpr int kConversionMs = 24 * 3600 * 1000;
 
 struct stat stateOf(const std::string& path) {
   struct stat state {};
@@ -30,19 +31,69 @@ bool isRewritten(const struct stat& before, const struct stat& after) {
           before.st_mtim.tv_nsec != after.st_mtim.tv_nsec);
 }
 
+// A line on a terminal that is rewritten each second and wiped at the end.
+class Progress {
+ public:
+  explicit Progress(std::string path) : file(std::move(path)), before(stateOf(file)) {}
+  ~Progress() {
+    if (shown >= 0) std::cerr << "\r\33[K" << std::flush;
+  }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  /// Was the file written since?
+  bool isWritten() const { return isRewritten(before, stateOf(file)); }
+  void show() {
+    using std::chrono::duration_cast;
+    const auto elapsed = duration_cast<std::chrono::seconds>(Clock::now() - begun).count();
+    if (!onTerminal || elapsed == shown) return;
+    shown = elapsed;
+    const std::int64_t bytes = isWritten() ? stateOf(file).st_size : 0;
+    std::cerr << "\r\33[Kconverting: " << elapsed / 60 << ':' << elapsed % 60 / 10 << elapsed % 10
+              << ", " << bytes / 1000 << " kB" << std::flush;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  const std::string file;
+  const struct stat before;
+  const bool onTerminal = isatty(STDERR_FILENO) != 0;
+  const Clock::time_point begun = Clock::now();
+  std::int64_t shown = -1;  // seconds
+};
+
+// What it is told where the wait ended without a result.
+int leave(Bus::End end, const std::string& path) {
+  if (end != Bus::End::interrupted) throw Failure(explain(end));
+  std::cerr << "quillspeak: interrupted; the daemon goes on converting into " << path
+            << ", which nothing but its end stops\n";
+  return kNoResult;
+}
+
 }  // namespace
 
 int convert(const std::string& text, const std::string& path) {
   checkText(text);
   checkText(path);
   const std::string absolute = std::filesystem::absolute(path);
-  const struct stat before = stateOf(absolute);
   Bus bus;
-  bus.set_timeout(kConversionMs);
-  if (isatty(STDERR_FILENO) != 0) std::cerr << "converting into " << absolute << " ...\n";
-  const std::int32_t result = bus.DoTTSFetchInFile(text, absolute);
-  if (result != 0) throw Failure("the synthesis failed (" + std::to_string(result) + ")");
-  if (!isRewritten(before, stateOf(absolute))) {
+  bus.holdSignals();
+  auto end = Bus::End::done;
+  std::optional<std::int32_t> result;
+  bool written = false;
+  {
+    Progress progress(absolute);
+    bus.beginConversion(text, absolute);
+    end = bus.waitFor([&] {
+      progress.show();
+      return (result = bus.conversionResult()).has_value();
+    });
+    written = progress.isWritten();
+  }
+  if (!result) return leave(end, absolute);
+  if (*result != 0) throw Failure("the synthesis failed (" + std::to_string(*result) + ")");
+  if (!written) {
     throw Failure(absolute + " was not written; choose a folder into which the daemon may write");
   }
   return kOk;
@@ -50,14 +101,11 @@ int convert(const std::string& text, const std::string& path) {
 
 int status(bool json) {
   Bus bus;
-  nlohmann::json report{{"running", false}};
-  try {
+  nlohmann::json report{{"running", !bus.owner().empty()}};
+  if (report["running"]) {
     report["owner"] = bus.owner();
     report["version"] = static_cast<std::int32_t>(bus.Version());
     report["state"] = static_cast<std::int32_t>(bus.State());
-    report["running"] = true;
-  } catch (const DBus::Error& error) {
-    if (std::strcmp(error.name(), "org.freedesktop.DBus.Error.NameHasNoOwner") != 0) throw;
   }
   if (json) {
     std::cout << report << '\n';

@@ -1,5 +1,6 @@
 #include "say.h"
 
+#include <algorithm>
 #include <iostream>
 
 #include "bus.h"
@@ -29,17 +30,21 @@ std::string readInput() {
 
 int waitForResult(Bus& bus, ResultWait& wait, std::uint64_t handle) {
   for (;;) {
-    switch (bus.waitFor([&wait] { return wait.result().has_value(); }, wait.deadline())) {
+    const Bus::End end =
+        bus.waitFor([&wait] { return wait.result().has_value(); }, wait.deadline());
+    switch (end) {
       case Bus::End::done:
         return *wait.result() == 0 ? kOk : kStopped;
       case Bus::End::interrupted:
         bus.StopTTSPlay(handle, 0, 0);
         return kStopped;
       case Bus::End::daemonGone:
-        throw Failure("the daemon left the bus while it was speaking; see its log");
+      case Bus::End::busLost:
+        throw Failure(explain(end));
       case Bus::End::deadline:
         if (Clock::now() < wait.deadline()) continue;
-        std::cerr << "quillspeak: no result came; a newer request has probably displaced it\n";
+        std::cerr << "quillspeak: no result came; a newer request has probably displaced it, "
+                     "or give it longer with --wait\n";
         return kNoResult;
     }
   }
@@ -69,15 +74,15 @@ int say(SayOptions options) {
                              (options.alert ? qs_ns::kPlayAlertAfterTexts : 0) |
                              (options.silence ? qs_ns::kSilenceBetweenTexts : 0);
   Bus bus;
-  if (options.wait) bus.holdSignals();
+  if (!options.noWait) bus.holdSignals();
   const auto longest =
       longestSpeech(options.texts, options.speed, options.alert) + std::chrono::seconds(10);
-  ResultWait wait(longest, Clock::now());
+  ResultWait wait(std::max(longest, options.wait), Clock::now());
   bus.onResult = [&wait](const PlayResult& one) { wait.take(one.handle, one.code, Clock::now()); };
   const std::uint64_t handle = bus.DoTTSAndPlay(options.texts, params, options.type, flags);
   if (handle == 0) throw Failure("there is nothing to speak; give a text that is not empty");
   wait.setHandle(handle);
-  if (options.wait) return waitForResult(bus, wait, handle);
+  if (!options.noWait) return waitForResult(bus, wait, handle);
   std::cout << handle << '\n';
   return kOk;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,7 +15,8 @@ struct SayOptions {
   bool silence = false;
   int precedence = 0;  // the two lowest bits of the request's flags
   std::int32_t type = 0;
-  bool wait = true;
+  std::chrono::seconds wait{0};  // at least so long, where the texts themselves need less
+  bool noWait = false;
 };
 
 /// Throws Failure where the bus or the synthesis would not take the text.

@@ -30,10 +30,9 @@ int watch(bool json) {
   Bus bus;
   bus.holdSignals();
   bus.onResult = [json](const PlayResult& one) { print(one, json); };
-  bus.owner();
-  if (bus.waitFor([] { return false; }) == Bus::End::daemonGone) {
-    throw Failure("the daemon left the bus; see its log");
-  }
+  if (bus.owner().empty()) throw Failure(kNotRunning);
+  const Bus::End end = bus.waitFor([] { return false; });
+  if (end != Bus::End::interrupted) throw Failure(explain(end));
   return kOk;
 }
 
