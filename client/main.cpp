@@ -79,15 +79,18 @@ void addRequests(CLI::App& app, int& code) {
   });
 }
 
-void addSettings(CLI::App& app) {
+void addSettings(CLI::App& app, int& code) {
   const auto setting = std::make_shared<std::pair<std::string, std::string>>();
-  auto* const get = app.add_subcommand("get", "Print a property in force");
-  get->add_option("key", setting->first, "The property")->required();
-  get->callback([setting] { qs_client::printProperty(setting->first); });
+  auto* const get = app.add_subcommand("get", "Print a property in force, or all");
+  get->add_option("key", setting->first, "The property; all where none is named");
+  const auto json = std::make_shared<bool>();
+  get->add_flag("--json", *json, "As a JSON object");
+  get->callback([setting, json] { qs_client::printProperties(setting->first, *json); });
   auto* const set = app.add_subcommand("set", "Change a property");
   set->add_option("key", setting->first, "The property")->required();
   set->add_option("value", setting->second, "Its new value")->required();
-  set->callback([setting] { qs_client::setProperty(setting->first, setting->second); });
+  set->callback(
+      [setting, &code] { code = qs_client::setProperty(setting->first, setting->second); });
 }
 
 void addReports(CLI::App& app, int& code) {
@@ -111,12 +114,15 @@ int main(int argc, char** argv) {
   addSay(app, code);
   addRequests(app, code);
   addReports(app, code);
-  addSettings(app);
+  addSettings(app, code);
   try {
     app.parse(argc, argv);
     return code;
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kOk : kUsage;
+  } catch (const qs_client::UsageFailure& error) {
+    std::cerr << "quillspeak: " << error.what() << '\n';
+    return kUsage;
   } catch (const DBus::Error& error) {
     std::cerr << "quillspeak: " << qs_client::explain(error) << '\n';
   } catch (const std::exception& error) {

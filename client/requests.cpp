@@ -13,6 +13,7 @@
 
 #include "bus.h"
 #include "failure.h"
+#include "properties.h"
 #include "say.h"
 
 namespace qs_client {
@@ -107,11 +108,14 @@ int status(bool json) {
     report["version"] = static_cast<std::int32_t>(bus.Version());
     report["state"] = static_cast<std::int32_t>(bus.State());
   }
+  const auto properties = propertiesInForce();
   if (json) {
+    report["properties"] = toJson(properties);
     std::cout << report << '\n';
   } else {
     for (const auto& [key, value] : report.items())
       std::cout << key << ": " << value << '\n';
+    std::cout << toText(properties);
   }
   return report["running"] ? kOk : kFailed;
 }

@@ -13,63 +13,20 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
+#include <vector>
 
 #include "bus.h"
 #include "failure.h"
-#include "platform/environment.h"
 #include "platform/key_value_file.h"
 #include "platform/unique_fd.h"
+#include "properties.h"
 
 namespace qs_client {
 
 namespace {
-
-struct Property {
-  const char* key;
-  const char* byDefault;
-  const char* allowed;
-  bool (*isAllowed)(const std::string& value);
-  bool reload;  // does the daemon keep what was made with the old value?
-};
-
-bool isInteger(const std::string& text, std::int64_t low, std::int64_t high) {
-  const auto number = platform::parseDecimal(text);
-  return number && *number >= low && *number <= high;
-}
-
-constexpr Property kProperties[] = {
-    {"device.accessibility.qs_enabled", "false", "true or false",
-     [](const std::string& text) { return platform::parseBoolean(text).has_value(); }, false},
-    {"device.accessibility.qs_speed", "3", "1 to 5",
-     [](const std::string& text) { return isInteger(text, 1, 5); }, true},
-    {"qs_voice", "slt", "slt or kal16",
-     [](const std::string& text) { return text == "slt" || text == "kal16"; }, true},
-    {"qs_cache", "enable", "enable or disable",
-     [](const std::string& text) { return text == "enable" || text == "disable"; }, true},
-    {"device.feature.dbus-automation", "0", "0 or 1",
-     [](const std::string& text) { return isInteger(text, 0, 1); }, false},
-};
-
-const Property& propertyOf(const std::string& key) {
-  std::string keys;
-  for (const Property& one : kProperties) {
-    if (key == one.key) return one;
-    keys += std::string(keys.empty() ? "" : ", ") + one.key;
-  }
-  throw Failure("there is no property " + key + "; there are " + keys);
-}
-
-std::string storePath() {
-  return platform::environmentOr("QUILLSPEAK_PROPERTIES", "/etc/quillspeak/properties.conf");
-}
-
-std::optional<std::string> valueIn(const std::string& path, const std::string& key) {
-  platform::KeyValueFile file;
-  const std::string* value = file.refresh(path) ? file.find(key) : nullptr;
-  return value != nullptr ? std::optional(*value) : std::nullopt;
-}
 
 [[noreturn]] void fail(const std::string& path) {
   throw Failure("cannot write " + path + ": " + std::strerror(errno) +
@@ -120,29 +77,57 @@ void replaceFile(const std::string& path, const std::string& text) {
   }
 }
 
-void reload() {
+int onlyAtNextStart(const std::string& reason, int code) {
+  std::cerr << "quillspeak: the value is set, and heeded when the daemon next starts: " << reason
+            << '\n';
+  return code;
+}
+
+// A daemon that runs and refuses goes on with the old value.
+int reload() {
+  std::optional<Bus> bus;
   try {
-    Bus bus;
-    bus.owner();
-    bus.ReloadConfig(0);
-  } catch (const DBus::Error&) {
-    std::cerr << "quillspeak: the daemon was not reached; it will heed this when it starts\n";
+    bus.emplace();
+  } catch (const DBus::Error& error) {
+    return onlyAtNextStart(explain(error), kOk);
   }
+  if (bus->owner().empty()) return onlyAtNextStart(kNotRunning, kOk);
+  try {
+    bus->ReloadConfig(0);
+  } catch (const DBus::Error& error) {
+    return onlyAtNextStart(explain(error), kFailed);
+  }
+  return kOk;
+}
+
+int takeEffect(Property::Effect effect) {
+  switch (effect) {
+    case Property::Effect::atNextRead:
+      return kOk;
+    case Property::Effect::afterReload:
+      return reload();
+    case Property::Effect::atNextStart:
+      return onlyAtNextStart("systemctl restart quillspeak", kOk);
+  }
+  return kOk;
 }
 
 }  // namespace
 
-int printProperty(const std::string& key) {
-  const Property& property = propertyOf(key);
-  const auto value = valueIn(storePath(), key);
-  const bool valid = value && property.isAllowed(*value);
-  std::cout << (valid ? *value : property.byDefault) << '\n';
-  return kOk;
+void printProperties(const std::string& key, bool json) {
+  const auto properties = key.empty() ? propertiesInForce() : std::vector{propertyInForce(key)};
+  if (json) {
+    std::cout << toJson(properties) << '\n';
+  } else if (key.empty()) {
+    std::cout << toText(properties);
+  } else {
+    std::cout << properties.front().value << '\n';
+  }
 }
 
 int setProperty(const std::string& key, const std::string& value) {
   const Property& property = propertyOf(key);
-  if (!property.isAllowed(value)) throw Failure(key + " may be " + property.allowed);
+  if (!property.isAllowed(value)) throw UsageFailure(key + " may be " + property.allowed);
   const std::string path = std::filesystem::weakly_canonical(storePath());
   const std::string folder = std::filesystem::path(path).parent_path();
   // Two that change the file at once would lose one change.
@@ -155,8 +140,7 @@ int setProperty(const std::string& key, const std::string& value) {
   if (old && old.peek() != std::ifstream::traits_type::eof()) text << old.rdbuf();
   replaceFile(path, changed(text.str(), key, value));
   if (fsync(lock.get()) != 0) fail(path);
-  if (property.reload && before != value) reload();
-  return kOk;
+  return before != value ? takeEffect(property.effect) : kOk;
 }
 
 }  // namespace qs_client

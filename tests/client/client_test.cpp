@@ -73,7 +73,7 @@ TEST_F(CommandLine, ADaemonThatGoesEndsTheWait) {
   ASSERT_TRUE(daemon->waitForLog("WriteTTSThread started"));
   daemon->signal(SIGKILL);
   EXPECT_EQ(end(*saying).code, 1);
-  EXPECT_EQ(finish({"status", "--json"}).output, "{\"running\":false}\n");
+  EXPECT_EQ(finish({"status", "--json"}).code, 1);
 }
 
 TEST_F(CommandLine, AHandleStopsASpeechThatNobodyWaitsFor) {
@@ -102,8 +102,8 @@ TEST_F(CommandLine, ASettingIsChangedInItsPlace) {
   EXPECT_EQ(finish({"set", speed, "5"}).code, 0);
   EXPECT_EQ(test::readFile(folder / "etc/properties.conf"), file("5"));
   EXPECT_TRUE(daemon->waitForLog("ReloadConfig: 0"));
-  EXPECT_EQ(finish({"set", speed, "6"}).code, 1);
-  EXPECT_EQ(finish({"set", "qs_voise", "slt"}).code, 1);
+  EXPECT_EQ(finish({"set", speed, "6"}).code, 2);
+  EXPECT_EQ(finish({"set", "qs_voise", "slt"}).code, 2);
   EXPECT_EQ(finish({"set", "qs_voice", "slt"}).code, 0);
   EXPECT_EQ(test::readFile(folder / "etc/properties.conf"), file("5") + "qs_voice = slt\n");
 }
