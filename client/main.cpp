@@ -1,8 +1,9 @@
 // The command-line client of the daemon.
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <iostream>
-#include <map>
+#include <limits>
 #include <memory>
 #include <string>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "requests.h"
 #include "say.h"
 #include "settings.h"
+#include "usage.h"
 #include "watch.h"
 
 namespace {
@@ -20,36 +22,64 @@ using qs_client::kFailed;
 using qs_client::kOk;
 using qs_client::kUsage;
 
-constexpr char kExitCodes[] =
-    "Exit codes: 0 played or done, 1 failed, 2 usage, 3 stopped, 4 no result.";
+constexpr char kExitCodes[] = "Exit codes: 0 done, 1 failed, 2 usage.";
+
+CLI::App* addCommand(CLI::App& app, const char* name, const char* description,
+                     const char* exitCodes = kExitCodes) {
+  CLI::App* const command = app.add_subcommand(name, description);
+  command->footer(exitCodes);
+  return command;
+}
+
+CLI::Option* addFlag(CLI::App& command, const char* name, bool& flag, const char* description) {
+  return command.add_flag(name, flag, description)->disable_flag_override();
+}
+
+template <typename Value>
+CLI::Option* addArgument(CLI::App& command, const char* name, Value& value,
+                         const char* description) {
+  return command.add_option(name, value, description)->type_name("");
+}
+
+void addSayOptions(CLI::App& command, qs_client::SayOptions& options) {
+  using Number = std::numeric_limits<std::int32_t>;
+  addArgument(command, "text", options.texts, "What to speak, one after the other");
+  command.add_option("--speed", options.speed, "1 slowest, 5 fastest; else as configured")
+      ->type_name("LEVEL")
+      ->check(qs_client::isBetween(1, 5));
+  command.add_option("--voice", options.fastVoice, "configured (the default) or fast")
+      ->type_name("NAME")
+      ->transform(qs_client::numberOf({{"configured", 0}, {"fast", 1}}));
+  addFlag(command, "--alert", options.alert, "Play the alert sound after the texts");
+  addFlag(command, "--silence", options.silence, "Feed silence between the texts");
+  command
+      .add_option("--precedence", options.precedence,
+                  "normal (the default): displaces others but urgent ones;\n"
+                  "polite: waits behind normal ones, gives way to all;\n"
+                  "urgent: gives way to none;\n"
+                  "urgent-polite: both bits, now as urgent")
+      ->type_name("NAME")
+      ->transform(
+          qs_client::numberOf({{"normal", 0}, {"polite", 1}, {"urgent", 2}, {"urgent-polite", 3}}));
+  command.add_option("--type", options.type, "A number of your own, reported back")
+      ->type_name("NUMBER")
+      ->check(qs_client::isBetween(Number::min(), Number::max()));
+}
 
 void addSay(CLI::App& app, int& code) {
-  auto* const command = app.add_subcommand("say", "Speak texts, or standard input");
+  CLI::App* const command =
+      addCommand(app, "say", "Speak texts, or standard input",
+                 "Exit codes: 0 played, 1 failed, 2 usage, 3 stopped, 4 no result.");
   const auto options = std::make_shared<qs_client::SayOptions>();
-  command->add_option("text", options->texts, "What to speak, one after the other");
-  command->add_option("--speed", options->speed, "1 slowest, 5 fastest")->check(CLI::Range(1, 5));
-  const std::map<std::string, bool> voices{{"configured", false}, {"fast", true}};
-  command->add_option("--voice", options->fastVoice, "configured or fast")
-      ->transform(CLI::Transformer(voices));
-  command->add_flag("--alert", options->alert, "Play the alert sound after the texts");
-  command->add_flag("--silence", options->silence, "Feed silence between the texts");
-  const std::map<std::string, int> names{
-      {"normal", 0}, {"polite", 1}, {"urgent", 2}, {"urgent-polite", 3}};
-  command
-      ->add_option("--precedence", options->precedence,
-                   "normal: displaces others but urgent ones; polite: waits behind normal ones, "
-                   "gives way to all; urgent: gives way to none; urgent-polite: both bits, now as "
-                   "urgent")
-      ->transform(CLI::CheckedTransformer(names));
-  command->add_option("--type", options->type, "A number of your own, reported back");
-  auto* const noWait =
-      command->add_flag("--no-wait", options->noWait, "Print the handle and do not wait");
   const auto wait = std::make_shared<int>();
+  addSayOptions(*command, *options);
+  CLI::Option* const noWait =
+      addFlag(*command, "--no-wait", options->noWait, "Print the handle and do not wait");
   command
       ->add_option("--wait", *wait, "Wait so long for the result where the texts alone need less")
-      ->check(CLI::Range(1, 86400))
+      ->type_name("SECONDS")
+      ->check(qs_client::isBetween(1, 86400))
       ->excludes(noWait);
-  command->footer(kExitCodes);
   command->callback([options, wait, &code] {
     options->wait = std::chrono::seconds(*wait);
     code = qs_client::say(*options);
@@ -57,76 +87,99 @@ void addSay(CLI::App& app, int& code) {
 }
 
 void addRequests(CLI::App& app, int& code) {
-  auto* const stop = app.add_subcommand("stop", "Stop a request");
+  CLI::App* const stop = addCommand(app, "stop", "Stop a request");
   const auto handle = std::make_shared<std::uint64_t>();
-  stop->add_option("handle", *handle, "What say --no-wait printed")->required();
+  addArgument(*stop, "handle", *handle, "What say --no-wait printed")
+      ->required()
+      ->check(qs_client::isHandle());
   stop->callback([handle] { qs_client::Bus().StopTTSPlay(*handle, 0, 0); });
 
-  auto* const file = app.add_subcommand("file", "Convert a text into a wave file");
+  CLI::App* const file =
+      addCommand(app, "file", "Convert a text into a wave file",
+                 "Exit codes: 0 written, 1 failed, 2 usage, 4 interrupted; the daemon goes on.");
   const auto conversion = std::make_shared<std::pair<std::string, std::string>>();
-  file->add_option("text", conversion->first, "What to convert")->required();
-  file->add_option("path", conversion->second, "The file")->required();
+  addArgument(*file, "text", conversion->first, "What to convert")->required();
+  addArgument(*file, "path", conversion->second, "The file")->required();
   file->callback(
       [conversion, &code] { code = qs_client::convert(conversion->first, conversion->second); });
 
-  auto* const volume = app.add_subcommand("volume", "Set the volume");
+  CLI::App* const volume = addCommand(app, "volume", "Set the volume");
   const auto level = std::make_shared<std::int32_t>();
-  volume->add_option("level", *level, "-5 to 8; 2 is normal")->required()->check(CLI::Range(-5, 8));
+  addArgument(*volume, "level", *level, "-5 to 8; 2 is normal")
+      ->required()
+      ->check(qs_client::isBetween(-5, 8));
   volume->callback([level] { qs_client::Bus().SetVolume(*level); });
 
-  app.add_subcommand("reload", "Build the phrase caches anew")->callback([] {
+  addCommand(app, "reload", "Build the phrase caches anew")->callback([] {
     qs_client::Bus().ReloadConfig(0);
   });
 }
 
 void addSettings(CLI::App& app, int& code) {
   const auto setting = std::make_shared<std::pair<std::string, std::string>>();
-  auto* const get = app.add_subcommand("get", "Print a property in force, or all");
-  get->add_option("key", setting->first, "The property; all where none is named");
   const auto json = std::make_shared<bool>();
-  get->add_flag("--json", *json, "As a JSON object");
+  CLI::App* const get = addCommand(app, "get", "Print a property in force, or all");
+  addArgument(*get, "key", setting->first, "The property; all where none is named");
+  addFlag(*get, "--json", *json, "As a JSON object");
   get->callback([setting, json] { qs_client::printProperties(setting->first, *json); });
-  auto* const set = app.add_subcommand("set", "Change a property");
-  set->add_option("key", setting->first, "The property")->required();
-  set->add_option("value", setting->second, "Its new value")->required();
+
+  CLI::App* const set = addCommand(app, "set", "Change a property");
+  addArgument(*set, "key", setting->first, "The property")->required();
+  addArgument(*set, "value", setting->second, "Its new value")->required();
   set->callback(
       [setting, &code] { code = qs_client::setProperty(setting->first, setting->second); });
 }
 
 void addReports(CLI::App& app, int& code) {
   const auto json = std::make_shared<bool>();
-  auto* const status = app.add_subcommand("status", "Tell whether the daemon runs");
-  status->add_flag("--json", *json, "As a JSON object");
+  CLI::App* const status =
+      addCommand(app, "status", "Tell whether the daemon runs, and the properties in force",
+                 "Exit codes: 0 it runs, 1 it does not, or failed, 2 usage.");
+  addFlag(*status, "--json", *json, "As a JSON object");
   status->callback([json, &code] { code = qs_client::status(*json); });
-  auto* const watch = app.add_subcommand("watch", "Print results as they come");
-  watch->add_flag("--json", *json, "Each as a JSON object");
+
+  CLI::App* const watch =
+      addCommand(app, "watch", "Print results as they come",
+                 "Exit codes: 0 interrupted, 1 failed or the daemon has gone, 2 usage.");
+  addFlag(*watch, "--json", *json, "Each as a JSON object");
   watch->callback([json, &code] { code = qs_client::watch(*json); });
+}
+
+void addCommands(CLI::App& app, int& code) {
+  app.formatter(qs_client::helpText());
+  app.set_help_flag("-h,--help", "Print this help");
+  app.set_version_flag("--version", QUILLSPEAK_VERSION, "Print the version");
+  app.require_subcommand(1);
+  app.footer("quillspeak COMMAND --help has the command's options and exit codes.");
+  addSay(app, code);
+  addRequests(app, code);
+  addReports(app, code);
+  addSettings(app, code);
+}
+
+int complain(const std::string& sentence, int code) {
+  std::cerr << "quillspeak: " << sentence << '\n';
+  return code;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Speaks through the daemon quillspeak-daemon.", "quillspeak");
-  app.set_version_flag("--version", QUILLSPEAK_VERSION);
-  app.require_subcommand(1);
-  app.footer(kExitCodes);
+  CLI::App app("Speak through the daemon quillspeak-daemon", "quillspeak");
   int code = kOk;
-  addSay(app, code);
-  addRequests(app, code);
-  addReports(app, code);
-  addSettings(app, code);
+  addCommands(app, code);
   try {
     app.parse(argc, argv);
     return code;
+  } catch (const CLI::Success& asked) {
+    return app.exit(asked);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kOk : kUsage;
+    return complain(qs_client::explain(error, app), kUsage);
   } catch (const qs_client::UsageFailure& error) {
-    std::cerr << "quillspeak: " << error.what() << '\n';
-    return kUsage;
+    return complain(error.what(), kUsage);
   } catch (const DBus::Error& error) {
-    std::cerr << "quillspeak: " << qs_client::explain(error) << '\n';
+    return complain(qs_client::explain(error), kFailed);
   } catch (const std::exception& error) {
-    std::cerr << "quillspeak: " << error.what() << '\n';
+    return complain(error.what(), kFailed);
   }
-  return kFailed;
 }
