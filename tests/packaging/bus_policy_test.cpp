@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
-#include <regex>
 
 #include "daemon/harness.h"
 #include "support/background.h"
@@ -31,13 +30,16 @@ constexpr unsigned kGroup = 60;        // games
 constexpr unsigned kStranger = 65534;  // nobody
 constexpr unsigned kMember = 2;        // bin
 
+void replaceAll(std::string& text, const std::string& what, const std::string& with) {
+  for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += with.size())
+    text.replace(at, what.size(), with);
+}
+
 /// The shipped policies with numbers for names, behind the stock ones.
 std::string policies() {
   std::string text = test::readFile(QS_PACKAGING "/com.wexel.Quillspeak.conf");
-  text = std::regex_replace(text, std::regex("user=\"quillspeak\""),
-                            "user=\"" + std::to_string(kService) + "\"");
-  text = std::regex_replace(text, std::regex("group=\"quillspeak\""),
-                            "group=\"" + std::to_string(kGroup) + "\"");
+  replaceAll(text, "user=\"quillspeak\"", "user=\"" + std::to_string(kService) + "\"");
+  replaceAll(text, "group=\"quillspeak\"", "group=\"" + std::to_string(kGroup) + "\"");
   const std::size_t first = text.find("<busconfig>") + std::strlen("<busconfig>");
   return kStock + text.substr(first, text.find("</busconfig>") - first);
 }
