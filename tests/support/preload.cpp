@@ -15,16 +15,16 @@
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "support/syslog_calls.h"
 
 namespace {
 
@@ -83,12 +83,7 @@ mode_t modeOf(int flags, va_list arguments) {
 
 }  // namespace
 
-extern "C" {
-
-// Declared in the fortified headers only.
-[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, const char* format, ...);
-
-void vsyslog(int priority, const char* format, va_list arguments) {
+void test::takeLogLine(int priority, const char* format, va_list arguments) {
   if ((setlogmask(0) & LOG_MASK(LOG_PRI(priority))) == 0) return;
   static constexpr const char* kStarts[] = {"LOG_EMERG ", "LOG_ALERT ",   "LOG_CRIT ",
                                             "LOG_ERR ",   "LOG_WARNING ", "LOG_NOTICE ",
@@ -99,19 +94,7 @@ void vsyslog(int priority, const char* format, va_list arguments) {
   appendLine(kStarts[LOG_PRI(priority)], text);
 }
 
-void syslog(int priority, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  vsyslog(priority, format, arguments);
-  va_end(arguments);
-}
-
-void __syslog_chk(int priority, int, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  vsyslog(priority, format, arguments);
-  va_end(arguments);
-}
+extern "C" {
 
 void openlog(const char* ident, int option, int facility) {
   char text[512];
