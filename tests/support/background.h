@@ -37,9 +37,10 @@ class Background {
   bool hasEnded() const { return ended; }
 
   /// Returns once the function has ended (true) or sleeps on a lock, a condition or a pause
-  /// (false): once it did so at several looks in a row.
+  /// (false): once it did so at many looks in a row, as none does that waits for the recorder of
+  /// the log or a lock of a sanitizer's.
   bool endsWithoutSleep() const {
-    for (int looks = 0; looks < 3 && !ended; std::this_thread::yield())
+    for (int looks = 0; looks < 20 && !ended; std::this_thread::yield())
       looks = sleepsOnALock() ? looks + 1 : 0;
     return ended;
   }
@@ -56,10 +57,13 @@ class Background {
     const std::string status = readFile(task + "/stat");
     const std::size_t name = status.rfind(')');
     if (name == std::string::npos || status[name + 2] != 'S') return false;
-    // Where in the kernel it waits; "0" where that is kept secret.
+    // Where in the kernel it waits; "0" where that is kept secret. An emulator's pause is a
+    // sigsuspend.
     const std::string place = readFile(task + "/wchan");
     return place == "0" || place.find("futex") != std::string::npos ||
-           place.find("rt_mutex") != std::string::npos || place.find("pause") != std::string::npos;
+           place.find("rt_mutex") != std::string::npos ||
+           place.find("pause") != std::string::npos ||
+           place.find("sigsuspend") != std::string::npos;
   }
 
   using Stored = std::conditional_t<std::is_void_v<Result>, char, Result>;

@@ -4,7 +4,6 @@
 #include <sys/un.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <thread>
 
@@ -16,11 +15,15 @@ namespace test {
 
 namespace {
 
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
 std::string socketIn(const ScratchFolder& folder) {
   return folder / "pa.sock";
+}
+
+bool isServed(const std::string& path) {
+  sockaddr_un address{AF_UNIX, {}};
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const platform::UniqueFd attempt(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  return connect(attempt.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
 }
 
 }  // namespace
@@ -32,32 +35,17 @@ void useSoundServer(const ScratchFolder& folder) {
 }
 
 SoundServer::SoundServer(const ScratchFolder& folder)
-    : socketPath(socketIn(folder)),
-      // It goes with the test also where that ends by a crash.
-      process("/usr/bin/setpriv",
+    // It goes with the test also where that ends by a crash.
+    : process("/usr/bin/setpriv",
               {"--pdeathsig", "KILL", "/usr/bin/pulseaudio", "-n", "--daemonize=no",
                "--use-pid-file=no", "--exit-idle-time=-1", "--disallow-exit=yes", "--realtime=no",
                "--high-priority=no", "--log-target=newfile:" + folder / "pulseaudio.log", "-L",
-               "module-native-protocol-unix auth-anonymous=1 socket=" + socketPath, "-L",
+               "module-native-protocol-unix auth-anonymous=1 socket=" + socketIn(folder), "-L",
                "module-null-sink sink_name=nul rate=48000 channels=1 format=s16le norewinds=1"}) {
-  awaitSocket();
-}
-
-void SoundServer::signal(int number) const {
-  kill(process.id(), number);
-}
-
-void SoundServer::awaitSocket() const {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
-  const auto deadline = Clock::now() + 10s;
-  for (;;) {
-    const platform::UniqueFd attempt(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (connect(attempt.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return;
-    ASSERT_LT(Clock::now(), deadline) << "the sound server did not start";
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!isServed(socketIn(folder)) && std::chrono::steady_clock::now() < deadline)
     std::this_thread::yield();
-  }
+  EXPECT_TRUE(isServed(socketIn(folder))) << "the sound server did not start";
 }
 
 SoundRecording::SoundRecording()

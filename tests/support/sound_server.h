@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -20,12 +21,9 @@ class SoundServer {
  public:
   explicit SoundServer(const ScratchFolder& folder);
 
-  void signal(int number) const;
+  void signal(int number) const { kill(process.id(), number); }
 
  private:
-  void awaitSocket() const;
-
-  const std::string socketPath;
   ChildProcess process;
 };
 
