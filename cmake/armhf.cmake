@@ -19,7 +19,8 @@ set(ENV{PKG_CONFIG_LIBDIR}
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CMAKE_SYSROOT})
 
 # By the sysroot's own program loader: with qemu's -L, "/" would be the sysroot's root folder.
-set(libraries ${CMAKE_SYSROOT}/lib/arm-linux-gnueabihf:${CMAKE_SYSROOT}/usr/lib/arm-linux-gnueabihf)
+set(libraries ${CMAKE_SYSROOT}/usr/lib/arm-linux-gnueabihf)
+string(PREPEND libraries ${CMAKE_SYSROOT}/lib/arm-linux-gnueabihf: ${libraries}/pulseaudio:)
 set(CMAKE_CROSSCOMPILING_EMULATOR
     /usr/bin/qemu-arm -cpu cortex-a9 ${CMAKE_SYSROOT}/lib/ld-linux-armhf.so.3
     --library-path ${libraries}:/usr/arm-linux-gnueabihf/lib)

@@ -29,13 +29,15 @@ std::vector<std::string> withOurs(const Environment& added) {
   return all;
 }
 
-// What was built for another processor than this machine's runs under an emulator; what is
-// installed does not.
+// What was built for another processor than this machine's runs under an emulator, also where a
+// program of the machine's starts it.
 void addEmulator([[maybe_unused]] std::vector<std::string>& command) {
 #ifdef QS_TEST_EMULATOR
   const std::vector<std::string> emulator{QS_TEST_EMULATOR};
-  if (command.front().starts_with(QS_TEST_BUILD_FOLDER))
-    command.insert(command.begin(), emulator.begin(), emulator.end());
+  const auto built = std::find_if(command.begin(), command.end(), [](const std::string& word) {
+    return word.starts_with(QS_TEST_BUILD_FOLDER);
+  });
+  if (built != command.end()) command.insert(built, emulator.begin(), emulator.end());
 #endif
 }
 
