@@ -72,14 +72,12 @@ TEST(LeadingSilence, IsLeftOutOfSpeechAndNoConsonantWithItAtAnyVolume) {
                 "a",    "eight",  "unknown", "hour", "first",  "theatre", "heat", "huge",  "phone",
                 "shut", "south",  "very",    "what", "where"});
   for (const int volume : {-5, 2, 8}) {
-    std::size_t skippedInAll = 0;
     std::size_t least = kMs * 1000;
     for (const char* const text : texts) {
       SCOPED_TRACE(testing::Message() << text << " at " << volume);
       const Samples sent = speak(text, volume);
       const Samples played = playedOf(sent);
       const std::size_t skipped = sent.size() - played.size();
-      skippedInAll += skipped;
       least = std::min(least, skipped);
       ASSERT_TRUE(std::equal(played.begin(), played.end(),
                              sent.begin() + std::ssize(sent) - std::ssize(played)));
@@ -91,8 +89,6 @@ TEST(LeadingSilence, IsLeftOutOfSpeechAndNoConsonantWithItAtAnyVolume) {
         EXPECT_LT(level(sent, at, std::min(10 * kMs, skipped - at)), 0.009 * loudest + 1)
             << at / kMs << " of " << skipped / kMs << " ms";
     }
-    std::printf("at %d: %zu ms in the mean, %zu at least\n", volume,
-                skippedInAll / kMs / texts.size(), least / kMs);
     EXPECT_GT(least, 90 * kMs) << "or it is not worth the trouble";
   }
 }

@@ -57,7 +57,6 @@ TEST(CacheThread, TriesAPhraseAgainAfterEveryFailureAndEndsWhereverAStopFindsIt)
     std::vector<std::chrono::nanoseconds> waits{};
     Texts texts{};
     Stage stopAt = Stage::none;
-    int stopCall = -1;
     bool stopsInWait = false;
   };
   using enum Stage;
@@ -73,12 +72,10 @@ TEST(CacheThread, TriesAPhraseAgainAfterEveryFailureAndEndsWhereverAStopFindsIt)
       {.name = "busy after", .busyCall = 1, .waits = {5s}, .texts = kAgain},
       {.name = "no wave", .outcome = Outcome::null, .waits = {10s}, .texts = kAgain},
       {.name = "empty wave", .outcome = Outcome::empty, .waits = {10s}, .texts = kAgain},
-      {.name = "stopped asking before", .stopCall = 0},
       {.name = "stopped before the voice is had", .texts = kOne, .stopAt = start},
       {.name = "stopped in the middle", .texts = kOne, .stopAt = middle},
       {.name = "stopped in the last chunk", .texts = kOne, .stopAt = last},
       {.name = "stopped when complete", .texts = kOne, .stopAt = done},
-      {.name = "stopped asking after", .texts = kOne, .stopCall = 1},
       {.name = "waiting, busy before", .busyCall = 0, .stopsInWait = true},
       {.name = "waiting, busy after", .busyCall = 1, .texts = kOne, .stopsInWait = true},
       {.name = "waiting, no wave", .outcome = Outcome::null, .texts = kOne, .stopsInWait = true},
@@ -98,7 +95,6 @@ TEST(CacheThread, TriesAPhraseAgainAfterEveryFailureAndEndsWhereverAStopFindsIt)
       return synthesis == 0 ? row.outcome : Outcome::whole;
     };
     controller.busy = [&](int call) {
-      if (call == row.stopCall) controller.builder()->stopThread();
       if (call == row.pauseCall) controller.builder()->pauseThread();
       return call == row.busyCall;
     };

@@ -1,7 +1,6 @@
 #include "core/controller.h"
 
 #include <cstdlib>
-#include <functional>
 #include <optional>
 #include <string>
 
@@ -88,16 +87,6 @@ TEST_F(Controller, ABuilderThatEndsTakesNothingButItselfAway) {
   gate.open();
   EXPECT_TRUE(test::waitForLog(gone, 3));
   EXPECT_NE(controller->getCacheThread(), nullptr);
-}
-
-TEST_F(Controller, OnlyThatVeryWordTurnsCachingOff) {
-  for (const bool off : {true, false}) {
-    make(off ? "qs_cache = disable\n" : "qs_cache = Disable\n");
-    EXPECT_EQ(controller->isCacheEnabled(), !off);
-    const auto before = controller->getCacheThread();
-    controller->reloadConfig(0);
-    EXPECT_EQ(controller->getCacheThread() == before, off);
-  }
 }
 
 TEST_F(Controller, PausesTheBuilderAndThenQueuesARequest) {

