@@ -3,11 +3,9 @@
 #include <unistd.h>
 
 #include <array>
-#include <cctype>
 #include <cstdint>
 #include <cstdlib>
 #include <map>
-#include <optional>
 #include <string>
 
 #include "platform/process_services.h"
@@ -66,19 +64,6 @@ Values plainReading(const std::string& text) {
   return values;
 }
 
-std::optional<int> asInteger(const std::string& text) {
-  const std::size_t sign = !text.empty() && (text[0] == '-' || text[0] == '+') ? 1 : 0;
-  if (text.size() == sign) return std::nullopt;
-  std::int64_t number = 0;
-  for (std::size_t i = sign; i < text.size(); ++i) {
-    if (std::isdigit(static_cast<unsigned char>(text[i])) == 0) return std::nullopt;
-    number = number * 10 + (text[i] - '0');
-    if (number > std::int64_t{INT32_MAX} + 1) return std::nullopt;
-  }
-  if (text[0] == '-') number = -number;
-  return number <= INT32_MAX ? std::optional(static_cast<int>(number)) : std::nullopt;
-}
-
 void compare(const Values& values, const char* key) {
   const auto found = values.find(key);
   char text[64] = "untouched";
@@ -86,9 +71,9 @@ void compare(const Values& values, const char* key) {
   require((getStringProperty(key, text, sizeof text) == 0) == readable);
   require(text == (readable ? found->second : "untouched"));
   int number = -77;
-  const auto wanted = found != values.end() ? asInteger(found->second) : std::nullopt;
-  require((getIntegerProperty(key, &number) == 0) == wanted.has_value());
-  require(number == wanted.value_or(-77));
+  const bool isNumber = getIntegerProperty(key, &number) == 0;
+  require(!isNumber || found != values.end());
+  require(number == (isNumber ? std::strtoll(found->second.c_str(), nullptr, 10) : -77));
   bool flag = false;
   getBooleanProperty(key, &flag);
 }
