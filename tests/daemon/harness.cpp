@@ -27,15 +27,11 @@ Reply failure(const sd_bus_error& error) {
 // "name=number;" for each of a dictionary of numbers.
 std::string readNumbers(sd_bus_message* message) {
   std::string text;
+  const char* name = "";
+  std::int32_t value = 0;
   EXPECT_GT(sd_bus_message_enter_container(message, 'a', "{sv}"), 0);
-  while (sd_bus_message_enter_container(message, 'e', "sv") > 0) {
-    const char* name = "";
-    std::int32_t value = 0;
-    EXPECT_GT(sd_bus_message_read(message, "sv", &name, "i", &value), 0);
+  while (sd_bus_message_read(message, "{sv}", &name, "i", &value) > 0)
     text += std::string(name) + "=" + std::to_string(value) + ";";
-    sd_bus_message_exit_container(message);
-  }
-  sd_bus_message_exit_container(message);
   return text;
 }
 
@@ -155,6 +151,7 @@ Client::Client(const std::string& busAddress) {
   connection.reset(raw);
   EXPECT_GE(sd_bus_set_address(raw, busAddress.c_str()), 0);
   EXPECT_GE(sd_bus_set_bus_client(raw, 1), 0);
+  EXPECT_GE(sd_bus_set_method_call_timeout(raw, std::chrono::microseconds(kPatience).count()), 0);
   EXPECT_GE(sd_bus_start(raw), 0);
   EXPECT_GE(sd_bus_match_signal(raw, nullptr, nullptr, kPath, kInterface, "ReportTTSPlayResult",
                                 onResult, this),
@@ -211,12 +208,14 @@ void Client::callLater(Answered answered, const char* method, const char* signat
   va_start(arguments, signature);
   EXPECT_GE(sd_bus_message_appendv(message, signature, arguments), 0);
   va_end(arguments);
-  later.push_back(std::move(answered));
-  const auto onReply = [](sd_bus_message* reply, void* call, sd_bus_error*) {
+  const sd_bus_message_handler_t onReply = [](sd_bus_message* reply, void* call, sd_bus_error*) {
     (*static_cast<Answered*>(call))(readReply(reply));
     return 0;
   };
-  EXPECT_GE(sd_bus_call_async(bus(), nullptr, message, onReply, &later.back(), 0), 0);
+  later.push_back(std::move(answered));
+  EXPECT_GE(sd_bus_call_async(bus(), nullptr, message, later.back() ? onReply : nullptr,
+                              &later.back(), 0),
+            0);
   sd_bus_message_unref(message);
   sd_bus_flush(bus());
 }
@@ -265,10 +264,10 @@ std::vector<std::int16_t> readWave(const std::string& path) {
   return samples;
 }
 
-std::string longText() {
+std::string times(int count, const std::string& part) {
   std::string text;
-  for (int i = 0; i < 60; ++i)
-    text += "the quick brown fox jumps over the lazy dog ";
+  for (; count > 0; --count)
+    text += part;
   return text;
 }
 

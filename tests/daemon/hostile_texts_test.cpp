@@ -1,24 +1,15 @@
 // Texts that a stranger might send: what each leads to, and what it may cost.
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <sstream>
-#include <string>
+#include <ctime>
 
 #include "daemon/harness.h"
 
 namespace {
 
+using test::times;
+
 constexpr double kFileRate = 16000;
 constexpr int kAudible = 327;  // 1 % of full scale
-
-std::string times(int count, const std::string& part) {
-  std::string text;
-  for (; count > 0; --count)
-    text += part;
-  return text;
-}
 
 enum class Outcome { spoken, silent, refused };
 
@@ -36,13 +27,11 @@ std::vector<Row> hostileTexts() {
   std::vector<Row> rows = {
       {"a blank", " ", silent, 0.5, 0.5},
       {"dots", times(1000, "."), silent, 0.5, 0.5},
-      {"307 dots behind a word", "hello" + times(307, "."), spoken, 2, 0.5},
       {"mixed marks", "hello" + times(300, "?!\"')"), spoken, 2, 0.5},
       {"blanks and marks in turn", times(500, " ."), silent, 2, 1},
       {"brackets", times(200, "([{<") + "x" + times(200, ">}])"), spoken, 2, 0.5},
       {"apostrophes", times(200, "'s"), spoken, 40, 2},
       {"4000 letters in one word", times(4000, "a"), spoken, 200, 6},
-      {"consonants", times(300, "w"), spoken, 200, 4},
       {"spelled, but for the last letter", times(63, "w") + "a", spoken, 40, 1},
       {"400 digits", times(400, "7"), spoken, 200, 4},
       {"a number with commas", times(30, "1,000"), spoken, 60, 2},
@@ -54,18 +43,11 @@ std::vector<Row> hostileTexts() {
       {"huge numbers", "1e999999999 -1e-308 0x7fffffffffffffff", spoken, 20, 1},
       {"signs", times(20, "+-*/=%&@#~^|\\_"), spoken, 200, 4},
       {"formats", "%s%n%s%n%99999999d%p", spoken, 20, 0.5},
-      {"markup", "<speak><break time='9999999s'/></speak> &amp; &#0;", spoken, 20, 0.5},
-      {"a shell's", "`reboot` $(reboot) ; reboot | reboot > /etc/passwd", spoken, 20, 0.5},
-      {"a path", times(100, "../") + "etc/passwd", spoken, 10, 0.5},
       {"an address", "http://" + times(60, "a.b@") + "example.org/?q=1&r=2#s", spoken, 60, 2},
       {"control characters", "a\x01\x02\x1b[31m\x7f\x08 b", spoken, 3, 0.5},
       {"accents", times(500, "\xC3\xA9"), silent, 5, 0.5},
-      {"combining marks", "a" + times(500, "\xCC\x81"), spoken, 5, 0.5},
       {"emoji", times(200, "\xF0\x9F\x98\x80"), silent, 3, 0.5},
-      {"another script", times(200, "\xE4\xBD\xA0\xE5\xA5\xBD "), silent, 5, 0.5},
       {"right to left", "\u202Eabc \u05E9\u05DC\u202C", spoken, 3, 0.5},
-      {"a byte order mark", "\xEF\xBB\xBF x", spoken, 3, 0.5},
-      {"the last code point", "\xF4\x8F\xBF\xBD x", spoken, 3, 0.5},
       {"separators of lines", times(50, "a\xE2\x80\xA8 b\xE2\x80\xA9 "), spoken, 60, 2},
       {"plain words", times(400, "a word "), spoken, 240, 3.2},
       {"a megabyte", times(1 << 20, "a"), refused, 0, 0.5},
@@ -79,16 +61,11 @@ std::vector<Row> hostileTexts() {
 /// What the process has used so far, in seconds: other than the time on the clock, it is the same
 /// beside whatever else runs.
 double processorTime(pid_t process) {
-  const std::string line = test::readFile("/proc/" + std::to_string(process) + "/stat");
-  std::istringstream fields(line.substr(line.rfind(')') + 1));
-  // The twelfth and thirteenth field behind the name: in the program and in the kernel.
-  std::string skipped;
-  for (int field = 0; field < 11; ++field)
-    fields >> skipped;
-  double inProgram = 0;
-  double inKernel = 0;
-  fields >> inProgram >> inKernel;
-  return (inProgram + inKernel) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  clockid_t clock = 0;
+  timespec used{};
+  EXPECT_EQ(clock_getcpuclockid(process, &clock), 0);
+  EXPECT_EQ(clock_gettime(clock, &used), 0);
+  return static_cast<double>(used.tv_sec) + 1e-9 * static_cast<double>(used.tv_nsec);
 }
 
 using HostileTexts = test::DaemonTest;
@@ -116,8 +93,6 @@ TEST_F(HostileTexts, LeadToSoundOrARefusalAtABoundedCost) {
                                      [](int sample) { return std::abs(sample) >= kAudible; });
     const double sound = static_cast<double>(samples.size()) / kFileRate;
     const long growth = peakMemory() - before;
-    std::printf("%-42s %6zu bytes %8.2f s of sound, %6.3f s, %+7ld KiB%s\n", row.what,
-                row.text.size(), sound, time, growth, audible ? "" : ", silent");
     SCOPED_TRACE(row.what);
     EXPECT_EQ(reply.error, row.outcome == Outcome::refused ? test::kLimitsExceeded : "");
     EXPECT_EQ(samples.empty(), row.outcome == Outcome::refused);

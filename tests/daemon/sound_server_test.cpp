@@ -35,7 +35,7 @@ class SoundServerFaults : public test::DaemonTest {
     const std::uint64_t handle = client->play({"hello"}).value;
     EXPECT_EQ(recording.take(480).size(), 480U);
     const auto heard = std::chrono::steady_clock::now();
-    EXPECT_EQ(client->awaitResult(handle)->resultCode, 0U);
+    EXPECT_EQ(resultOf(handle), 0U);
     return heard - asked;
   }
 
@@ -50,7 +50,7 @@ TEST_F(SoundServerFaults, AServerThatDiesInMidWordIsFoundAgainSoonOrAfterTenSeco
     const auto killed = std::chrono::steady_clock::now();
     server.reset();
     // Nothing holds it up any more.
-    EXPECT_EQ(client->awaitResult(cut)->resultCode, 0U) << "ended";
+    EXPECT_EQ(resultOf(cut), 0U) << "ended";
     EXPECT_LT(std::chrono::steady_clock::now() - killed, 3s);
     const std::size_t results = client->results().size();
     for (int dropped = 1; std::chrono::steady_clock::now() < killed + away; ++dropped) {
@@ -70,7 +70,7 @@ TEST_F(SoundServerFaults, AServerThatHangsForThreeSecondsIsHeardAgain) {
   const std::uint64_t cut = speakUntilHeard();
   server->signal(SIGSTOP);
   const auto stuck = std::chrono::steady_clock::now();
-  EXPECT_EQ(client->awaitResult(cut)->resultCode, 0U) << "ended";
+  EXPECT_EQ(resultOf(cut), 0U) << "ended";
   EXPECT_LT(std::chrono::steady_clock::now() - stuck, test::kSlowBuild ? 6s : 3s);
   EXPECT_EQ(daemon->countLog(kLost), 1);
   client->play({"unheard"});
@@ -88,7 +88,7 @@ TEST_F(SoundServerFaults, AServerThatHangsHoldsUpNeitherStopNorTearDownNorEnd) {
   auto asked = std::chrono::steady_clock::now();
   EXPECT_EQ(client->stop(cut).error, "");
   EXPECT_LT(std::chrono::steady_clock::now() - asked, test::kSlowBuild ? 100ms : 50ms);
-  EXPECT_EQ(client->awaitResult(cut)->resultCode, 1U);
+  EXPECT_EQ(resultOf(cut), 1U);
   EXPECT_LT(std::chrono::steady_clock::now() - asked, test::kSlowBuild ? 6s : 3s);
 
   // The name is given up a second after it is asked for; a session is opened all the time.
@@ -110,12 +110,7 @@ class StreamRole : public SoundServerFaults, public testing::WithParamInterface<
 
 /// What the sound server knows of the streams that it plays.
 std::string streamProperties() {
-  std::string text;
-  FILE* const list = popen("LC_ALL=C pactl list sink-inputs", "r");
-  for (int letter = std::fgetc(list); letter != EOF; letter = std::fgetc(list))
-    text += static_cast<char>(letter);
-  pclose(list);
-  return text;
+  return test::ChildProcess("/usr/bin/pactl", {"list", "sink-inputs"}, {"LC_ALL=C"}).readAll();
 }
 
 TEST_P(StreamRole, IsAccessibilityWhereTheUserWantsNoOther) {

@@ -1,7 +1,5 @@
 // Clients that send what nobody should: the daemon answers or refuses it, and goes on.
 
-#include <dbus/dbus.h>
-
 #include "daemon/harness.h"
 
 namespace {
@@ -69,86 +67,54 @@ TEST_F(Stranger, IsAnsweredWhateverArgumentsAMethodGets) {
   }
 }
 
-/// Messages that sd-bus would not send.
-class RawClient {
- public:
-  explicit RawClient(const std::string& address)
-      : connection(dbus_connection_open_private(address.c_str(), nullptr)) {
-    dbus_connection_set_exit_on_disconnect(connection, FALSE);
-    EXPECT_TRUE(dbus_bus_register(connection, nullptr));
-  }
-  ~RawClient() {
-    dbus_connection_close(connection);
-    dbus_connection_unref(connection);
-  }
-  RawClient(const RawClient&) = delete;
-  RawClient& operator=(const RawClient&) = delete;
-
-  void send(DBusMessage* message) {
-    dbus_message_set_destination(message, kService);
-    EXPECT_TRUE(dbus_connection_send(connection, message, nullptr));
-    dbus_message_unref(message);
-    dbus_connection_flush(connection);
-  }
-
- private:
-  DBusConnection* const connection;
-};
-
 TEST_F(Stranger, IsIgnoredWhereItAnswersNobodyAndSignalsInOurName) {
-  RawClient raw(bus.address());
-  for (dbus_uint32_t serial = 1; serial <= 40; ++serial) {
-    for (const int type : {DBUS_MESSAGE_TYPE_METHOD_RETURN, DBUS_MESSAGE_TYPE_ERROR}) {
-      DBusMessage* const answer = dbus_message_new(type);
-      dbus_message_set_reply_serial(answer, serial);
-      if (type == DBUS_MESSAGE_TYPE_ERROR) dbus_message_set_error_name(answer, "x.y.Z");
-      raw.send(answer);
-    }
+  sd_bus* const own = client->bus();
+  sd_bus_message* message = nullptr;
+  const auto send = [&] {
+    std::uint64_t serial = 0;  // where nobody wants it, no reply is asked for
+    EXPECT_GE(sd_bus_send_to(own, message, kService, &serial), 0);
+    sd_bus_message_unref(message);
+  };
+  for (std::uint64_t call = 1; call <= 40; ++call) {
+    sd_bus_message* asked = nullptr;
+    EXPECT_GE(sd_bus_message_new_method_call(own, &asked, kService, kPath, kInterface, "A"), 0);
+    EXPECT_GE(sd_bus_message_seal(asked, call, 0), 0);
+    EXPECT_GE(sd_bus_message_new_method_return(asked, &message), 0);
+    send();
+    EXPECT_GE(sd_bus_message_new_method_errorf(asked, &message, "x.y.Z", "no"), 0);
+    send();
+    sd_bus_message_unref(asked);
   }
   for (const char* const member : {"ReportTTSPlayResult", "NameLost", "Disconnected", "A"}) {
-    for (const char* const interface : {kInterface, "org.freedesktop.DBus"})
-      raw.send(dbus_message_new_signal(kPath, interface, member));
+    for (const char* const interface : {kInterface, "org.freedesktop.DBus"}) {
+      EXPECT_GE(sd_bus_message_new_signal(own, &message, kPath, interface, member), 0);
+      send();
+    }
   }
   for (const char* const path :
        {"/", "/com/wexel", "/com/wexel/Quillspeak/x", "/org/freedesktop"}) {
     for (const char* const method : {"StopTTSPlay", "Introspect", "Get"}) {
-      raw.send(dbus_message_new_method_call(kService, path, kInterface, method));
-      raw.send(dbus_message_new_method_call(kService, path, nullptr, method));
+      for (const char* const interface : {kInterface, static_cast<const char*>(nullptr)}) {
+        EXPECT_GE(sd_bus_message_new_method_call(own, &message, kService, path, interface, method),
+                  0);
+        send();
+      }
     }
   }
 }
 
 TEST_F(Stranger, MayWantNoReplyAndVanishWithCallsPending) {
-  const auto call = [](const char* method, bool noReply) {
-    DBusMessage* const message = dbus_message_new_method_call(kService, kPath, kInterface, method);
-    dbus_message_set_no_reply(message, noReply ? TRUE : FALSE);
-    return message;
-  };
-  const std::string file = folder / "nobody.wav";
-  const char* const path = file.c_str();
-  const char* const text = "on";
-  const dbus_int32_t level = 2;
   // Ends at once, since there is no file.
-  const dbus_int32_t alertInTurn = 4 + 2;
+  constexpr std::int32_t kAlertInTurn = 4 + 2;
   for (int round = 0; round < 20; ++round) {
-    RawClient raw(bus.address());
-    const bool noReply = round % 2 == 0;
+    test::Client leaving(bus.address());
+    test::Client::Answered answered;
+    if (round % 2 == 0) answered = [](const Reply&) {};
     for (const char* const method :
-         {"DoTTSAndPlay", "StopTTSPlay", "ReloadConfig", "SetVolume", "DoTTSFetchInFile"}) {
-      DBusMessage* const message = call(method, noReply);
-      dbus_message_append_args(message, DBUS_TYPE_INT32, &level, DBUS_TYPE_INVALID);
-      raw.send(message);
-    }
-    DBusMessage* const conversion = call("DoTTSFetchInFile", noReply);
-    dbus_message_append_args(conversion, DBUS_TYPE_STRING, &text, DBUS_TYPE_STRING, &path,
-                             DBUS_TYPE_INVALID);
-    raw.send(conversion);
-    DBusMessage* const play = call("DoTTSAndPlay", noReply);
-    const char* const* const texts = &text;
-    dbus_message_append_args(play, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &texts, 0, DBUS_TYPE_INT32,
-                             &level, DBUS_TYPE_INT32, &level, DBUS_TYPE_INT32, &alertInTurn,
-                             DBUS_TYPE_INVALID);
-    raw.send(play);
+         {"DoTTSAndPlay", "StopTTSPlay", "ReloadConfig", "SetVolume", "DoTTSFetchInFile"})
+      leaving.callLater(answered, method, "i", 2);
+    leaving.callLater(answered, "DoTTSFetchInFile", "ss", "on", (folder / "nobody.wav").c_str());
+    leaving.callLater(answered, "DoTTSAndPlay", "asiii", 0, 2, 2, kAlertInTurn);
   }
   EXPECT_TRUE(client->until([&] { return client->results().size() >= 20; }))
       << "they are played all the same";

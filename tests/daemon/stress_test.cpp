@@ -11,15 +11,13 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-using std::chrono::microseconds;
-
 int requestsWanted = 1000;
 unsigned seed = std::random_device()();
 
 /// What is known of a request whose handle a client was given.
 struct Sent {
   test::PlayResult asked;
+  bool stopAsked = false;
   bool stopAnswered = false;
   /// Has a request come since to which it gives way?
   bool mayBeDisplaced = false;
@@ -42,12 +40,6 @@ Holdings holdingsOf(pid_t process) {
   return {std::stol(status.substr(status.find("VmRSS:") + 6)), entries("/fd"), entries("/task")};
 }
 
-microseconds median(std::vector<microseconds> times) {
-  const auto middle = times.begin() + std::ssize(times) / 2;
-  std::nth_element(times.begin(), middle, times.end());
-  return *middle;
-}
-
 class Stress : public test::DaemonTest {
  protected:
   void SetUp() override {
@@ -58,20 +50,11 @@ class Stress : public test::DaemonTest {
     writeAlert(1600);
   }
 
-  std::uintmax_t soundBytes() const { return std::filesystem::file_size(folder / "sound.wav"); }
   int below(int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); }
   std::uint32_t anyBits() { return static_cast<std::uint32_t>(random()); }
   test::Client& anyClient() {
     const int i = below(4);
     return i == 0 ? *client : *others[static_cast<std::size_t>(i) - 1];
-  }
-
-  test::Reply timed(const std::function<test::Reply()>& call) {
-    const auto asked = std::chrono::steady_clock::now();
-    test::Reply reply = call();
-    callTimes.push_back(
-        std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now() - asked));
-    return reply;
   }
 
   test::PlayResult randomRequest() {
@@ -102,11 +85,9 @@ class Stress : public test::DaemonTest {
     const bool nothingToSay =
         (asked.flags & 4) == 0 && std::all_of(asked.texts.begin(), asked.texts.end(),
                                               [](const std::string& text) { return text.empty(); });
-    const test::Reply reply = timed([&] {
-      return anyClient().play(asked.texts, static_cast<std::int32_t>(asked.flags),
-                              static_cast<std::int32_t>(asked.params),
-                              static_cast<std::int32_t>(asked.type));
-    });
+    const test::Reply reply = anyClient().play(asked.texts, static_cast<std::int32_t>(asked.flags),
+                                               static_cast<std::int32_t>(asked.params),
+                                               static_cast<std::int32_t>(asked.type));
     if (nothingToSay) {
       EXPECT_EQ(reply.value, 0U);
     } else if (!reply.error.empty()) {
@@ -119,12 +100,12 @@ class Stress : public test::DaemonTest {
   }
 
   void stop(std::uint64_t handle) {
-    test::Client& caller = anyClient();
-    EXPECT_EQ(timed([&] { return caller.stop(handle); }).error, "");
+    const auto found = sent.find(handle);
+    if (found != sent.end()) found->second.stopAsked = true;
+    EXPECT_EQ(anyClient().stop(handle).error, "");
     // What was decided before came before the reply.
     takeResults();
-    if (const auto found = sent.find(handle); found != sent.end())
-      found->second.stopAnswered = true;
+    if (found != sent.end()) found->second.stopAnswered = true;
   }
 
   void stopOne() {
@@ -137,23 +118,6 @@ class Stress : public test::DaemonTest {
     for (int i = below(below(4) == 0 ? 40 : 3); i > 0 && chosen != sent.begin(); --i)
       --chosen;
     stop(chosen->first);
-  }
-
-  /// Stops what plays alone, and measures what sounds after the answer.
-  void stopSoon() {
-    settle();
-    test::PlayResult asked;
-    asked.texts = {test::longText().substr(0, 1000)};
-    asked.handle = client->play(asked.texts).value;
-    noteSent(asked);
-    const std::uintmax_t before = soundBytes();
-    EXPECT_TRUE(
-        test::awaitFile(folder / "sound.wav", [&] { return soundBytes() > before + 2 * 480 * 5; }));
-    stop(asked.handle);
-    const std::uintmax_t atAnswer = soundBytes();
-    EXPECT_TRUE(client->awaitResult(asked.handle).has_value());
-    // What a stop may still send is 40 ms, and the output holds 20 ms.
-    EXPECT_LE(soundBytes(), atAnswer + 2 * 48 * 60);
   }
 
   void takeResults() {
@@ -176,7 +140,7 @@ class Stress : public test::DaemonTest {
         EXPECT_FALSE(request.stopAnswered) << "0 after the stop was answered";
       } else {
         EXPECT_EQ(result.resultCode, 1U);
-        EXPECT_TRUE(request.stopAnswered || request.mayBeDisplaced) << "stopped by nobody";
+        EXPECT_TRUE(request.stopAsked || request.mayBeDisplaced) << "stopped by nobody";
       }
     }
   }
@@ -223,21 +187,17 @@ class Stress : public test::DaemonTest {
 
   void act() {
     const int action = below(100);
-    if (action == 0) {
-      stopSoon();
-    } else if (action == 1) {
+    if (action < 2) {
       settle();
     } else if (action < 4) {
-      timed([&] { return anyClient().reload(2 * below(5)); });
+      anyClient().reload(2 * below(5));
     } else if (action < 6) {
-      timed([&] { return anyClient().setVolume(below(12) - 3); });
+      anyClient().setVolume(below(12) - 3);
     } else if (action == 6) {
       ++conversions;
       client->fetchLater("a short text for a file", folder / "converted.wav");
     } else if (action < 9) {
-      timed([&] {
-        return anyClient().call(test::kProperties, "Get", "ss", test::kInterface, "State");
-      });
+      EXPECT_EQ(anyClient().property("State"), 0);
     } else if (action < 12) {
       client->listen(std::chrono::milliseconds(below(150)));
       takeResults();
@@ -253,7 +213,6 @@ class Stress : public test::DaemonTest {
   std::mt19937 random{seed};
   std::vector<std::unique_ptr<test::Client>> others;
   std::map<std::uint64_t, Sent> sent;
-  std::vector<microseconds> callTimes;
   std::size_t resultsTaken = 0;
   std::uint64_t lastReported = 0;
   int conversions = 0;
@@ -262,34 +221,28 @@ class Stress : public test::DaemonTest {
 
 TEST_F(Stress, NothingIsLostDoubledOrKept) {
   Holdings early;
-  std::size_t callsEarly = 0;
   while (requests < requestsWanted && !HasFailure()) {
     act();
-    if (early.threads == 0 && requests >= requestsWanted / 10) {
-      early = holdingsAtRest();
-      callsEarly = callTimes.size();
-    }
+    if (early.threads == 0 && requests >= requestsWanted / 10) early = holdingsAtRest();
   }
-  const Holdings late = holdingsAtRest();
+  Holdings late = holdingsAtRest();
+  // A thread that has just ended is still counted for a while.
+  EXPECT_TRUE(client->until([&] {
+    late = holdingsOf(daemon->id());
+    return late.threads <= early.threads;
+  }));
   const auto& seen = client->results();
   EXPECT_EQ(daemon->countLog("Request handled for text"), static_cast<int>(seen.size()))
       << "began to sound and were reported";
   for (const auto& other : others)
     EXPECT_EQ(other->results().size(), seen.size());
 
-  const auto half = callTimes.begin() + static_cast<std::ptrdiff_t>(callsEarly);
-  const microseconds first = median({callTimes.begin(), half});
-  const microseconds rest = median({half, callTimes.end()});
   std::printf(
-      "%d requests, %zu calls, %zu results, %d conversions; after a tenth and at the end: "
-      "resident %ld and %ld KiB, descriptors %ld and %ld, threads %ld and %ld, "
-      "median of a call %ld and %ld us\n",
-      requests, callTimes.size(), seen.size(), conversions, early.residentKiB, late.residentKiB,
-      early.descriptors, late.descriptors, early.threads, late.threads,
-      static_cast<long>(first.count()), static_cast<long>(rest.count()));
+      "%d requests, %zu results, %d conversions; after a tenth and at the end: "
+      "resident %ld and %ld KiB, descriptors %ld and %ld, threads %ld and %ld\n",
+      requests, seen.size(), conversions, early.residentKiB, late.residentKiB, early.descriptors,
+      late.descriptors, early.threads, late.threads);
   EXPECT_EQ(late.descriptors, early.descriptors);
-  EXPECT_LE(late.threads, early.threads);
-  EXPECT_LE(rest, 2 * first + 300us);
   // In fewer the heap has not found its size; a sanitizer keeps what was freed.
   if (requestsWanted >= 20000 && !test::kSlowBuild) {
     EXPECT_LE(late.residentKiB, early.residentKiB + 1024);

@@ -23,6 +23,14 @@ class Watched : public test::DaemonTest {
     daemon.emplace(folder, busAddress, options);
   }
 
+  /// Returns once the daemon has said that it is ready, which is after it has its name.
+  void launchServing() {
+    launchWatched(bus.address(), test::kEnabled);
+    EXPECT_EQ(manager.next(), "STATUS=Starting");
+    EXPECT_EQ(manager.next(), "READY=1\nSTATUS=");
+    client.emplace(bus.address());
+  }
+
   /// Until the log has that line, takes what the manager is told, whose socket holds ten messages:
   /// how often the daemon said that it is ready.
   int awaitLog(const char* part) {
@@ -47,10 +55,7 @@ class Watched : public test::DaemonTest {
 };
 
 TEST_F(Watched, IsReadyOnceItHasTheNameAndIsFedWhileNothingHappens) {
-  launchWatched(bus.address(), test::kEnabled);
-  EXPECT_EQ(manager.next(), "STATUS=Starting");
-  EXPECT_EQ(manager.next(), "READY=1\nSTATUS=");
-  client.emplace(bus.address());
+  launchServing();
   EXPECT_TRUE(client->nameOwned());
   expectFed();
 }
@@ -78,9 +83,7 @@ TEST_F(Watched, IsFedWhileTheOwnerOfTheNameIsAsked) {
 }
 
 TEST_F(Watched, IsNotFedWhileItsLoopHangs) {
-  launchWatched(bus.address(), test::kEnabled);
-  client.emplace(bus.address());
-  ASSERT_TRUE(client->awaitName());
+  launchServing();
   expectFed();
   // The loop reads the changed settings, from a storage that does not answer.
   const std::string hold = folder / "files/hold-properties.conf";
