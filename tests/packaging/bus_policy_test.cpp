@@ -121,6 +121,7 @@ TEST_F(BusPolicy, LetsEverybodySpeakAndTheGroupDoTheRest) {
       {test::kProperties, "Get", true, true},
       {test::kProperties, "GetAll", true, true},
       {kIntrospectable, "Introspect", true, true},
+      {"org.freedesktop.DBus.Peer", "GetMachineId", true, true},
       {test::kInterface, "DoTTSFetchInFile", false, true},
       {test::kInterface, "ReloadConfig", false, true},
       {test::kInterface, "SetVolume", false, true},
