@@ -1,10 +1,15 @@
 #include "bus.h"
 
 #include <dbus/dbus-protocol.h>
+#include <grp.h>
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
+#include <new>
+#include <utility>
 
 #include "failure.h"
 
@@ -15,7 +20,7 @@ namespace {
 constexpr char kPath[] = "/com/wexel/Quillspeak";
 constexpr char kInterface[] = "com.wexel.QuillspeakInterface1";
 constexpr char kService[] = "com.wexel.Quillspeak";
-constexpr int kCallMs = 25'000;
+constexpr int kCallMs = std::chrono::milliseconds(Bus::kAnswerTime).count();
 constexpr char kOwnerChanges[] =
     "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',"
     "arg0='com.wexel.Quillspeak'";
@@ -49,6 +54,43 @@ std::string ownerOf(DBus::Connection& connection) {
     if (!std::string_view(error.name()).ends_with(".NameHasNoOwner")) throw;
   }
   return name;
+}
+
+DBus::Connection connect() {
+  try {
+    return DBus::Connection::SystemBus();
+  } catch (const DBus::Error& error) {
+    // Some go on to guess at causes.
+    const std::string message = error.message();
+    throw Failure("the system bus cannot be reached (" + message.substr(0, message.find(". ")) +
+                  "); start it, or set DBUS_SYSTEM_BUS_ADDRESS");
+  }
+}
+
+// Does the installed policy let this user do everything?
+bool isPrivileged() {
+  if (geteuid() == 0) return true;
+  const group* const ours = getgrnam("quillspeak");
+  if (ours == nullptr) return false;
+  if (getegid() == ours->gr_gid) return true;
+  std::vector<gid_t> groups(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
+  groups.resize(static_cast<std::size_t>(
+      std::max(getgroups(static_cast<int>(groups.size()), groups.data()), 0)));
+  return std::find(groups.begin(), groups.end(), ours->gr_gid) != groups.end();
+}
+
+// The bus names the call that it refuses.
+std::string explainRefusal(std::string_view message) {
+  const auto isOf = [message](const char* member) {
+    return message.find(member) != std::string_view::npos;
+  };
+  const bool isForGroup = isOf("DoTTSFetchInFile") || isOf("ReloadConfig") || isOf("SetVolume");
+  if (isForGroup && !isPrivileged()) {
+    return "the bus lets only root and the group quillspeak ask the daemon for this; join the "
+           "group and log in anew";
+  }
+  return "the bus does not let you ask the daemon for this; reinstall the policy "
+         "/usr/share/dbus-1/system.d/com.wexel.Quillspeak.conf and look for one that overrules it";
 }
 
 }  // namespace
@@ -94,7 +136,7 @@ void Sieve::follow(const DBus::Message& ownerChange) {
 }
 
 Bus::Bus()
-    : DBus::Connection(DBus::Connection::SystemBus()),
+    : DBus::Connection(connect()),
       Sieve(static_cast<DBus::Connection&>(*this)),
       DBus::ObjectProxy(static_cast<DBus::Connection&>(*this), kPath, kService) {
   DBus::Connection::exit_on_disconnect(false);
@@ -105,21 +147,40 @@ Bus::Bus()
 void Bus::ReportTTSPlayResult(const std::vector<std::string>& texts, const std::uint32_t& params,
                               const std::uint32_t& type, const std::uint32_t& flags,
                               const std::uint32_t& code, const std::uint64_t& handle) {
-  if (onResult) onResult({texts, params, type, flags, code, handle});
+  // This is called by the bus library, which nothing may be thrown through.
+  try {
+    arrived.push_back({texts, params, type, flags, code, handle});
+  } catch (const std::bad_alloc&) {
+    lost = true;
+  }
+}
+
+void Bus::handOver() {
+  if (std::exchange(lost, false)) throw std::bad_alloc();
+  for (const PlayResult& one : std::exchange(arrived, {})) {
+    if (onResult) onResult(one);
+  }
 }
 
 void Bus::holdSignals() {
   sigset_t held;
   sigemptyset(&held);
-  sigaddset(&held, SIGINT);
-  sigaddset(&held, SIGTERM);
+  for (const int signal : {SIGINT, SIGTERM}) {
+    struct sigaction now {};
+    // One that the caller has us ignore would be heard all the same if it were held.
+    if (sigaction(signal, nullptr, &now) == 0 && now.sa_handler != SIG_IGN) {
+      sigaddset(&held, signal);
+    }
+  }
   sigprocmask(SIG_BLOCK, &held, nullptr);
   signals = platform::UniqueFd(signalfd(-1, &held, SFD_CLOEXEC));
 }
 
-bool Bus::interrupted() const {
+bool Bus::takeInterrupt() {
   pollfd signal{signals.get(), POLLIN, 0};
-  return signals && poll(&signal, 1, 0) > 0;
+  if (!signals || poll(&signal, 1, 0) <= 0) return false;
+  signalfd_siginfo taken{};
+  return read(signals.get(), &taken, sizeof taken) > 0;
 }
 
 Bus::End Bus::waitFor(const std::function<bool()>& done, Time deadline) {
@@ -128,8 +189,9 @@ Bus::End Bus::waitFor(const std::function<bool()>& done, Time deadline) {
   DBus::DefaultTimeout tick(500, true, &dispatcher);
   for (;;) {
     dispatcher.dispatch_pending();
+    handOver();
     if (done()) return End::done;
-    if (interrupted()) return End::interrupted;
+    if (takeInterrupt()) return End::interrupted;
     if (!DBus::Connection::connected()) return End::busLost;
     if (gone) return End::daemonGone;
     if (std::chrono::steady_clock::now() >= deadline) return End::deadline;
@@ -137,40 +199,35 @@ Bus::End Bus::waitFor(const std::function<bool()>& done, Time deadline) {
   }
 }
 
-void Bus::beginConversion(const std::string& text, const std::string& path) {
-  DBus::CallMessage call(kService, kPath, kInterface, "DoTTSFetchInFile");
-  DBus::MessageIter arguments = call.writer();
-  arguments << text << path;
-  if (!DBus::Connection::send(call, &awaited)) throw DBus::ErrorNoMemory("out of memory");
+DBus::CallMessage Bus::newCall(const char* method) {
+  return {kService, kPath, kInterface, method};
 }
 
-std::optional<std::int32_t> Bus::conversionResult() {
-  if (!reply) return std::nullopt;
-  if (reply->is_error()) throw DBus::Error(*reply);
-  std::int32_t code = 0;
-  DBus::MessageIter results = reply->reader();
-  results >> code;
-  return code;
+void Bus::sendAwaited(DBus::CallMessage& call) {
+  reply.reset();
+  if (!DBus::Connection::send(call, &awaited)) throw std::bad_alloc();
 }
 
 std::string explain(const DBus::Error& error) {
   const std::string_view name = error.name();
   const auto is = [name](std::string_view end) { return name.ends_with(end); };
   if (is(".ServiceUnknown") || is(".NameHasNoOwner")) return kNotRunning;
-  if (is(".AccessDenied")) {
-    return "the bus does not let you ask the daemon for this; join the group quillspeak";
-  }
-  if (is(".FileNotFound") || is(".NoServer")) {
-    return "there is no system bus; start it, or set DBUS_SYSTEM_BUS_ADDRESS";
-  }
+  if (is(".AccessDenied")) return explainRefusal(error.message());
   if (is(".Disconnected")) return explain(Bus::End::busLost);
-  if (is(".NoReply")) return "the daemon did not answer; see its log";
-  return error.message();
+  if (is(".NoReply") || is(".Timeout")) return kNoAnswer;
+  const std::string message = error.message();
+  if (is(".InvalidArgs") || name.find(".Unknown") != std::string_view::npos) {
+    return "the daemon does not know this call (" + message +
+           "); install client and daemon of one version";
+  }
+  // The daemon's sentences say what to do themselves, but for one.
+  const bool isWhole = message.find(';') != std::string::npos && !message.starts_with("internal");
+  return isWhole ? message : message + "; look for the reason in " + kLog;
 }
 
 std::string explain(Bus::End end) {
   if (end == Bus::End::busLost) return "the bus was lost; try again when it is back";
-  return "the daemon left the bus; see its log";
+  return std::string("the daemon left the bus; look for the reason in ") + kLog;
 }
 
 }  // namespace qs_client

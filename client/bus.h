@@ -59,17 +59,20 @@ class Bus final : private Loop,
                   public com::wexel::QuillspeakInterface1_proxy,
                   public DBus::ObjectProxy {
  public:
+  /// How long a call may take to be answered where nothing else is said.
+  static constexpr std::chrono::seconds kAnswerTime{25};
   /// What ended a wait.
   enum class End { done, deadline, interrupted, daemonGone, busLost };
   using Time = std::chrono::steady_clock::time_point;
 
-  /// Throws DBus::Error where there is no bus.
+  /// Throws Failure where there is no bus.
   Bus();
   using DBus::ObjectProxy::set_timeout;
 
   std::function<void(const PlayResult&)> onResult;
 
-  /// From now on SIGINT and SIGTERM end waits instead of the process.
+  /// From now on SIGINT and SIGTERM end waits instead of the process, each of them one;
+  /// one that the process ignores stays ignored.
   void holdSignals();
   /// Takes in results until `done` holds.
   End waitFor(const std::function<bool()>& done, Time deadline = Time::max());
@@ -77,18 +80,38 @@ class Bus final : private Loop,
   /// The daemon's unique name; empty where it does not run.
   const std::string& owner() const { return daemon; }
 
-  /// Begins a conversion; a later `waitFor` takes its reply in.
-  void beginConversion(const std::string& text, const std::string& path);
-  /// Its result code, once it has one.
-  std::optional<std::int32_t> conversionResult();
+  /// Begins a call, whose reply a later `waitFor` takes in. One at a time: the reply to one begun
+  /// before is no longer waited for.
+  template <typename... Values>
+  void begin(const char* method, const Values&... values) {
+    DBus::CallMessage call = newCall(method);
+    DBus::MessageIter arguments = call.writer();
+    (arguments << ... << values);
+    sendAwaited(call);
+  }
+  /// What the call that was begun returned, once it has; throws DBus::Error where it failed.
+  template <typename Value>
+  std::optional<Value> answer() {
+    if (!reply) return std::nullopt;
+    if (reply->is_error()) throw DBus::Error(*reply);
+    Value value{};
+    DBus::MessageIter results = reply->reader();
+    results >> value;
+    return value;
+  }
 
  private:
-  bool interrupted() const;
+  static DBus::CallMessage newCall(const char* method);
+  void sendAwaited(DBus::CallMessage& call);
+  bool takeInterrupt();
+  void handOver();
   void ReportTTSPlayResult(const std::vector<std::string>& texts, const std::uint32_t& params,
                            const std::uint32_t& type, const std::uint32_t& flags,
                            const std::uint32_t& code, const std::uint64_t& handle) override;
 
   platform::UniqueFd signals;
+  std::vector<PlayResult> arrived;
+  bool lost = false;  // was there no memory for a result?
 };
 
 /// What a call failed of and what to do about it, in a sentence.

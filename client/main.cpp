@@ -1,11 +1,17 @@
 // The command-line client of the daemon.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdint>
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "bus.h"
@@ -38,7 +44,9 @@ CLI::Option* addFlag(CLI::App& command, const char* name, bool& flag, const char
 template <typename Value>
 CLI::Option* addArgument(CLI::App& command, const char* name, Value& value,
                          const char* description) {
-  return command.add_option(name, value, description)->type_name("");
+  return command.add_option(name, value, description)
+      ->type_name("")
+      ->transform(qs_client::withoutGuard());
 }
 
 void addSayOptions(CLI::App& command, qs_client::SayOptions& options) {
@@ -46,7 +54,7 @@ void addSayOptions(CLI::App& command, qs_client::SayOptions& options) {
   addArgument(command, "text", options.texts, "What to speak, one after the other");
   command.add_option("--speed", options.speed, "1 slowest, 5 fastest; else as configured")
       ->type_name("LEVEL")
-      ->check(qs_client::isBetween(1, 5));
+      ->transform(qs_client::number(1, 5));
   command.add_option("--voice", options.fastVoice, "configured (the default) or fast")
       ->type_name("NAME")
       ->transform(qs_client::numberOf({{"configured", 0}, {"fast", 1}}));
@@ -63,7 +71,7 @@ void addSayOptions(CLI::App& command, qs_client::SayOptions& options) {
           qs_client::numberOf({{"normal", 0}, {"polite", 1}, {"urgent", 2}, {"urgent-polite", 3}}));
   command.add_option("--type", options.type, "A number of your own, reported back")
       ->type_name("NUMBER")
-      ->check(qs_client::isBetween(Number::min(), Number::max()));
+      ->transform(qs_client::number(Number::min(), Number::max()));
 }
 
 void addSay(CLI::App& app, int& code) {
@@ -78,7 +86,7 @@ void addSay(CLI::App& app, int& code) {
   command
       ->add_option("--wait", *wait, "Wait so long for the result where the texts alone need less")
       ->type_name("SECONDS")
-      ->check(qs_client::isBetween(1, 86400))
+      ->transform(qs_client::number(1, 86400))
       ->excludes(noWait);
   command->callback([options, wait, &code] {
     options->wait = std::chrono::seconds(*wait);
@@ -91,7 +99,7 @@ void addRequests(CLI::App& app, int& code) {
   const auto handle = std::make_shared<std::uint64_t>();
   addArgument(*stop, "handle", *handle, "What say --no-wait printed")
       ->required()
-      ->check(qs_client::isHandle());
+      ->transform(qs_client::handle());
   stop->callback([handle] { qs_client::Bus().StopTTSPlay(*handle, 0, 0); });
 
   CLI::App* const file =
@@ -107,7 +115,7 @@ void addRequests(CLI::App& app, int& code) {
   const auto level = std::make_shared<std::int32_t>();
   addArgument(*volume, "level", *level, "-5 to 8; 2 is normal")
       ->required()
-      ->check(qs_client::isBetween(-5, 8));
+      ->transform(qs_client::number(-5, 8));
   volume->callback([level] { qs_client::Bus().SetVolume(*level); });
 
   addCommand(app, "reload", "Build the phrase caches anew")->callback([] {
@@ -162,24 +170,58 @@ int complain(const std::string& sentence, int code) {
   return code;
 }
 
+// One that the caller closed would become the bus's socket, and what is printed go there. Opened
+// the wrong way round, it fails as a closed one does.
+void keepStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) >= 0) continue;
+    if (open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY) != stream) _exit(kFailed);
+  }
+}
+
+// A text that begins like the short option is taken for it by the library, which then succeeds.
+std::string mistakenForHelp(int argc, char** argv) {
+  for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
+    const std::string_view word = argv[i];
+    if (word.starts_with("-h") && word.size() > 2) return argv[i];
+  }
+  return {};
+}
+
+// What is still in the buffer meets a full disk or a closed pipe only here.
+int finish(int code) {
+  if (std::cout.flush()) return code;
+  return complain(
+      "standard output cannot be written to; free space there, or keep its reader running",
+      kFailed);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   CLI::App app("Speak through the daemon quillspeak-daemon", "quillspeak");
   int code = kOk;
+  keepStandardStreams();
+  std::signal(SIGPIPE, SIG_IGN);
   addCommands(app, code);
   try {
-    app.parse(argc, argv);
-    return code;
+    app.parse(qs_client::guardedWords(argc, argv));
+    return finish(code);
   } catch (const CLI::Success& asked) {
-    return app.exit(asked);
+    const std::string text = mistakenForHelp(argc, argv);
+    if (text.empty()) return finish(app.exit(asked));
+    return complain(text + " is not understood; put -- before a text that begins with -", kUsage);
   } catch (const CLI::ParseError& error) {
     return complain(qs_client::explain(error, app), kUsage);
   } catch (const qs_client::UsageFailure& error) {
     return complain(error.what(), kUsage);
   } catch (const DBus::Error& error) {
     return complain(qs_client::explain(error), kFailed);
-  } catch (const std::exception& error) {
+  } catch (const qs_client::Failure& error) {
     return complain(error.what(), kFailed);
+  } catch (const std::bad_alloc&) {
+    return complain("out of memory; end other programs, or give a shorter text", kFailed);
+  } catch (const std::exception& error) {
+    return complain("internal failure (" + std::string(error.what()) + "); report it", kFailed);
   }
 }

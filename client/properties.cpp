@@ -39,8 +39,7 @@ constexpr Property kProperties[] = {
 
 void requireReadable(const std::string& path) {
   if (access(path.c_str(), R_OK) == 0 || errno == ENOENT) return;
-  throw Failure("cannot read " + path + ": " + std::strerror(errno) +
-                "; run this as a user who may");
+  throw Failure("cannot read " + path + ": " + std::strerror(errno) + storeRemedy(errno));
 }
 
 PropertyInForce inForce(const Property& property, const std::string* stored) {
@@ -61,6 +60,21 @@ const Property& propertyOf(const std::string& key) {
 
 std::string storePath() {
   return platform::environmentOr("QUILLSPEAK_PROPERTIES", "/etc/quillspeak/properties.conf");
+}
+
+std::string storeRemedy(int error) {
+  switch (error) {
+    case EACCES:
+    case EPERM:
+      return "; run this as a user who may";
+    case ENOSPC:
+    case EDQUOT:
+      return "; free space there";
+    case ENOENT:
+      return "; make its folder";
+    default:
+      return "; name another file with QUILLSPEAK_PROPERTIES";
+  }
 }
 
 std::optional<std::string> valueIn(const std::string& path, const std::string& key) {

@@ -24,6 +24,8 @@ const Property& propertyOf(const std::string& key);
 
 /// The store's file, which need not exist.
 std::string storePath();
+/// The end of a sentence: what to do where it cannot be read or written for that errno value.
+std::string storeRemedy(int error);
 /// The last value of `key` in the file at `path`, whether it is allowed or not.
 std::optional<std::string> valueIn(const std::string& path, const std::string& key);
 
@@ -33,8 +35,9 @@ struct PropertyInForce {
   bool byDefault;  // is the value not the store's?
 };
 
-/// Those that the daemon goes by at its next read, of all keys or one. Throws Failure where the
-/// store's file cannot be read, UsageFailure for an unknown key.
+/// Those that the daemon goes by at its next read, of all keys or one: the defaults where the store
+/// is no file that it would read. Throws Failure where this user may not read it, UsageFailure for
+/// an unknown key.
 std::vector<PropertyInForce> propertiesInForce();
 PropertyInForce propertyInForce(const std::string& key);
 

@@ -1,6 +1,7 @@
 #include "result_wait.h"
 
 #include <cmath>
+#include <utility>
 
 #include "tts/utterance_pieces.h"
 
@@ -18,14 +19,22 @@ std::chrono::seconds longestSpeech(const std::vector<std::string>& texts, int sp
       (alert ? 5 : 0));
 }
 
-void ResultWait::take(std::uint64_t handle, std::uint32_t code, Time now) {
-  results.insert_or_assign(handle, code);
-  if (handle != ours) deadlineAt = now + limit;
+void ResultWait::take(std::uint64_t handle, std::uint32_t resultCode, Time now) {
+  if (ours == 0) {
+    early.push_back({handle, resultCode, now});
+  } else if (handle == ours) {
+    code = resultCode;
+  } else if (handle > ours) {
+    passedOver = true;
+  } else {
+    deadlineAt = now + limit;
+  }
 }
 
-std::optional<std::uint32_t> ResultWait::result() const {
-  const auto found = results.find(ours);
-  return found != results.end() ? std::optional(found->second) : std::nullopt;
+void ResultWait::setHandle(std::uint64_t handle) {
+  ours = handle;
+  for (const Early& one : std::exchange(early, {}))
+    take(one.handle, one.code, one.at);
 }
 
 }  // namespace qs_client

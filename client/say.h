@@ -19,8 +19,8 @@ struct SayOptions {
   bool noWait = false;
 };
 
-/// Throws Failure where the bus or the synthesis would not take the text.
-void checkText(const std::string& text);
+/// Throws Failure where the bus or the synthesis would not take it; `what` is how to call it.
+void checkText(const std::string& text, const std::string& what = "the text");
 
 /// Speaks and waits for the result; the exit code. Without texts and alert, reads standard input.
 /// Throws Failure and DBus::Error.

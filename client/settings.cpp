@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +17,8 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "bus.h"
@@ -29,8 +32,7 @@ namespace qs_client {
 namespace {
 
 [[noreturn]] void fail(const std::string& path) {
-  throw Failure("cannot write " + path + ": " + std::strerror(errno) +
-                "; run this as a user who may");
+  throw Failure("cannot write " + path + ": " + std::strerror(errno) + storeRemedy(errno));
 }
 
 // The line in force is the last of its key.
@@ -77,39 +79,75 @@ void replaceFile(const std::string& path, const std::string& text) {
   }
 }
 
-int onlyAtNextStart(const std::string& reason, int code) {
-  std::cerr << "quillspeak: the value is set, and heeded when the daemon next starts: " << reason
-            << '\n';
-  return code;
-}
+struct Reload {
+  std::string whyNot{};  // empty where the daemon was told
+  int code = kOk;
+};
 
 // A daemon that runs and refuses goes on with the old value.
-int reload() {
+Reload reload() {
   std::optional<Bus> bus;
   try {
     bus.emplace();
   } catch (const DBus::Error& error) {
-    return onlyAtNextStart(explain(error), kOk);
+    return {explain(error)};
+  } catch (const Failure& noBus) {
+    return {noBus.what()};
   }
-  if (bus->owner().empty()) return onlyAtNextStart(kNotRunning, kOk);
+  if (bus->owner().empty()) return {kNotRunning};
   try {
     bus->ReloadConfig(0);
   } catch (const DBus::Error& error) {
-    return onlyAtNextStart(explain(error), kFailed);
+    return {explain(error), kFailed};
   }
-  return kOk;
+  return {};
 }
 
+// Also where the value was there before: the reload may have been refused then.
 int takeEffect(Property::Effect effect) {
-  switch (effect) {
-    case Property::Effect::atNextRead:
-      return kOk;
-    case Property::Effect::afterReload:
-      return reload();
-    case Property::Effect::atNextStart:
-      return onlyAtNextStart("systemctl restart quillspeak", kOk);
+  if (effect == Property::Effect::atNextRead) return kOk;
+  Reload reloaded = reload();
+  const bool refused = reloaded.code != kOk;
+  if (reloaded.whyNot.empty() && effect == Property::Effect::atNextStart) {
+    reloaded.whyNot = "systemctl restart quillspeak";
   }
-  return kOk;
+  if (!reloaded.whyNot.empty()) {
+    // A daemon that runs reads these for each text that it does not know yet.
+    const bool waitsForReload = refused && effect == Property::Effect::afterReload;
+    std::cerr << "quillspeak: the value is set, "
+              << (waitsForReload ? "but what is cached keeps the old one until a reload: "
+                                 : "and heeded when the daemon next starts: ")
+              << reloaded.whyNot << '\n';
+  }
+  return reloaded.code;
+}
+
+// The folder is open to everybody, and so is its lock, which has no deadline of its own.
+void lockFolder(int folder, const std::string& path) {
+  constexpr std::chrono::milliseconds kBetweenTries{20};
+  constexpr int kTries = 250;
+  for (int i = 0; flock(folder, LOCK_EX | LOCK_NB) != 0; ++i) {
+    if (errno != EWOULDBLOCK && errno != EINTR) fail(path);
+    if (i == kTries) throw Failure(path + " is being changed by another; try again");
+    std::this_thread::sleep_for(kBetweenTries);
+  }
+}
+
+// What the daemon would not read is not read here either: it may have no end.
+std::string readStore(const std::string& path) {
+  struct stat state {};
+  if (stat(path.c_str(), &state) != 0) {
+    if (errno == ENOENT) return {};
+    fail(path);
+  }
+  if (!S_ISREG(state.st_mode)) {
+    throw Failure(path + " is no regular file; name another with QUILLSPEAK_PROPERTIES");
+  }
+  std::ifstream file(path, std::ios::binary);
+  if (!file) fail(path);
+  std::ostringstream text;
+  if (file.peek() != std::ifstream::traits_type::eof()) text << file.rdbuf();
+  return text.str();
 }
 
 }  // namespace
@@ -128,19 +166,25 @@ void printProperties(const std::string& key, bool json) {
 int setProperty(const std::string& key, const std::string& value) {
   const Property& property = propertyOf(key);
   if (!property.isAllowed(value)) throw UsageFailure(key + " may be " + property.allowed);
-  const std::string path = std::filesystem::weakly_canonical(storePath());
+  std::error_code failure;
+  const auto whole = std::filesystem::absolute(storePath(), failure);
+  const std::string path = failure ? "" : std::filesystem::weakly_canonical(whole, failure);
+  if (failure) {
+    errno = failure.value();
+    fail(storePath());
+  }
   const std::string folder = std::filesystem::path(path).parent_path();
   // Two that change the file at once would lose one change.
   const platform::UniqueFd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!lock || flock(lock.get(), LOCK_EX) != 0) fail(path);
-  const auto before = valueIn(path, key);
-  std::ostringstream text;
-  std::ifstream old(path, std::ios::binary);
-  if (!old && std::filesystem::exists(path)) fail(path);
-  if (old && old.peek() != std::ifstream::traits_type::eof()) text << old.rdbuf();
-  replaceFile(path, changed(text.str(), key, value));
+  if (!lock) fail(path);
+  lockFolder(lock.get(), path);
+  const std::string text = changed(readStore(path), key, value);
+  if (text.size() > platform::KeyValueFile::kMaxBytes) {
+    throw Failure(path + " is larger than the 256 KB that the daemon reads; shorten it");
+  }
+  replaceFile(path, text);
   if (fsync(lock.get()) != 0) fail(path);
-  return before != value ? takeEffect(property.effect) : kOk;
+  return takeEffect(property.effect);
 }
 
 }  // namespace qs_client

@@ -10,9 +10,15 @@ namespace qs_client {
 
 namespace {
 
+// No text that is spoken holds it.
+constexpr char kGuard = '\1';
+
 class HelpText final : public CLI::Formatter {
  public:
-  HelpText() { label("Positionals", "Arguments"); }
+  HelpText() {
+    label("Positionals", "Arguments");
+    label("SUBCOMMAND", "COMMAND");
+  }
 
   std::string make_description(const CLI::App* app) const override {
     return app->get_description() + ".\n\n";
@@ -22,6 +28,10 @@ class HelpText final : public CLI::Formatter {
     return type.empty() ? "" : " " + type;
   }
 };
+
+[[noreturn]] void refuse(const std::string& why) {
+  throw CLI::ValidationError(why, CLI::ExitCodes::ValidationError);
+}
 
 // The library's messages begin with the option's name.
 std::string nameIn(const std::string& message) {
@@ -59,32 +69,48 @@ std::shared_ptr<CLI::Formatter> helpText() {
   return std::make_shared<HelpText>();
 }
 
-Check isBetween(std::int64_t low, std::int64_t high) {
-  return [low, high](const std::string& value) -> std::string {
-    const auto number = platform::parseDecimal(value);
-    if (number && *number >= low && *number <= high) return {};
-    return value + " is no number from " + std::to_string(low) + " to " + std::to_string(high);
+std::vector<std::string> guardedWords(int argc, char** argv) {
+  std::vector<std::string> words;
+  for (int i = argc - 1; i > 0; --i) {
+    std::string& word = words.emplace_back(argv[i]);
+    if (word.starts_with('[') && word.ends_with(']')) word += kGuard;
+  }
+  return words;
+}
+
+Reading withoutGuard() {
+  return [](std::string word) {
+    if (word.starts_with('[') && word.ends_with(kGuard)) word.pop_back();
+    return word;
   };
 }
 
-Check isHandle() {
-  return [](const std::string& value) -> std::string {
-    std::uint64_t handle = 0;
-    const char* const end = value.data() + value.size();
-    const auto [rest, error] = std::from_chars(value.data(), end, handle);
-    if (error == std::errc() && rest == end) return {};
-    return value + " is no handle, which is the number that say --no-wait prints";
+Reading number(std::int64_t low, std::int64_t high) {
+  return [low, high](const std::string& word) {
+    const auto value = platform::parseDecimal(word);
+    if (value && *value >= low && *value <= high) return std::to_string(*value);
+    refuse(word + " is no number from " + std::to_string(low) + " to " + std::to_string(high));
   };
 }
 
-std::function<std::string(std::string)> numberOf(std::map<std::string, int> names) {
+Reading handle() {
+  return [](const std::string& word) {
+    std::uint64_t value = 0;
+    const char* const end = word.data() + word.size();
+    const auto [rest, error] = std::from_chars(word.data(), end, value);
+    if (error == std::errc() && rest == end) return std::to_string(value);
+    refuse(word + " is no handle, which is the number that say --no-wait prints");
+  };
+}
+
+Reading numberOf(std::map<std::string, int> names) {
   return [names = std::move(names)](const std::string& value) {
     const auto found = names.find(value);
     if (found != names.end()) return std::to_string(found->second);
     std::string known;
     for (const auto& [name, number] : names)
       known += (known.empty() ? "" : ", ") + name;
-    throw CLI::ValidationError(value + " is none of " + known, CLI::ExitCodes::ValidationError);
+    refuse(value + " is none of " + known);
   };
 }
 

@@ -31,8 +31,9 @@ int watch(bool json) {
   bus.holdSignals();
   bus.onResult = [json](const PlayResult& one) { print(one, json); };
   if (bus.owner().empty()) throw Failure(kNotRunning);
-  const Bus::End end = bus.waitFor([] { return false; });
-  if (end != Bus::End::interrupted) throw Failure(explain(end));
+  // Nobody reads on where the output fails.
+  const Bus::End end = bus.waitFor([] { return std::cout.fail(); });
+  if (end == Bus::End::daemonGone || end == Bus::End::busLost) throw Failure(explain(end));
   return kOk;
 }
 

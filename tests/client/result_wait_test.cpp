@@ -15,11 +15,15 @@ TEST(ResultWait, AResultThatCameBeforeItsHandleIsNotLost) {
   EXPECT_EQ(wait.result(), 1U);
 }
 
-TEST(ResultWait, TheResultOfAnotherOnlyPutsTheDeadlineOff) {
+TEST(ResultWait, OneBeforeOursPutsTheDeadlineOffAndOneBehindItEndsTheWait) {
   ResultWait wait(seconds(10), {});
   wait.setHandle(7);
   EXPECT_EQ(wait.deadline(), ResultWait::Time(seconds(10)));
   wait.take(6, 0, ResultWait::Time(seconds(4)));
+  EXPECT_EQ(wait.deadline(), ResultWait::Time(seconds(14)));
+  EXPECT_FALSE(wait.isPassedOver());
+  wait.take(8, 1, ResultWait::Time(seconds(5)));
+  EXPECT_TRUE(wait.isPassedOver());
   EXPECT_EQ(wait.deadline(), ResultWait::Time(seconds(14)));
   EXPECT_EQ(wait.result(), std::nullopt);
 }
