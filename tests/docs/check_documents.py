@@ -4,12 +4,14 @@
 usage: check_documents.py --source DIR --build DIR DOCUMENT...
 
 Commands are indented by four blanks or fenced as `sh`. They run in a scratch folder, on a private bus,
-with the daemon of the build, whose sound goes nowhere.
+with the daemon of the build, whose sound goes nowhere. TROUBLESHOOTING.md must have every warning, error
+and refusal of the daemon, and its rows in order.
 """
 import argparse
 import json
 import os
 import re
+import select
 import shlex
 import shutil
 import subprocess
@@ -22,7 +24,7 @@ PATIENCE = 30  # seconds
 NO_COMMANDS = {"", "text", "ini", "xml"}  # what else a fence may hold
 
 # Run as they are: they reach the daemon over the bus.
-RUN = [r"(\w+=\$\()?(busctl|gdbus (call|introspect)|quillspeak) ", r"quillspeak-daemon dump "]
+RUN = [r"(\w+=\$\()?(busctl|gdbus (call|introspect)|quillspeak) "]
 
 # Run until they have shown what a request was answered with.
 ENDLESS = [r"gdbus monitor ", r"quillspeak watch"]
@@ -32,11 +34,11 @@ CHECKED = [
     (r"tools/", "builds, installs packages or takes minutes", "tool"),
     (r"cmake --preset ", "configures another build", "preset"),
     (r"cmake --build ", "builds for minutes", "build"),
-    (r"ctest --preset ", "takes minutes", "preset"),
     (r"build/(dev|fuzz|bench)/", "runs for as long as is asked for, or is not built here", "program"),
     (r"([A-Z_]+=\S+ )+quillspeak-daemon$", "serves for ever; the desktop's test does it", "daemon"),
-    (r"sudo ", "needs root on an installed system", "none"),
-    (r"systemctl |journalctl ", "needs an installed service", "none"),
+    (r"systemd-analyze security ", "runs in the source's folder, on the unit", "exposure"),
+    (r"apt-get install |adduser |systemd-sysusers |systemctl |journalctl ",
+     "needs an installed system: the package's test boots one", "booted"),
     (r"cmake --install ", "changes the system", "install"),
 ]
 
@@ -79,8 +81,12 @@ class Checks:
         files = source.glob("**/CMakeLists.txt")
         self.cmake = "\n".join(f.read_text() for f in files if "build" not in f.parts)
 
-    def none(self, _):
-        return ""
+    def booted(self, words):
+        tests = [self.source / "tests/packaging/booted_service", self.source / "packaging/debian/postinst"]
+        tried = "".join(f.read_text() for f in tests)
+        wanted = [w for w in words if not w.startswith("-")][:2 if words[0] in ("systemctl", "apt-get") else 1]
+        missing = [w for w in wanted if not re.search(rf"\b{w}\b", tried)]
+        return f"the package's test runs no {missing}" if missing else ""
 
     def tool(self, words):
         tool = self.source / words[0]
@@ -98,7 +104,7 @@ class Checks:
         return "" if name in names else f"no preset {name}"
 
     def preset(self, words):
-        return self.has_preset("testPresets" if words[0] == "ctest" else "configurePresets", words[2])
+        return self.has_preset("configurePresets", words[2])
 
     def build_tree(self, folder):
         return self.has_preset("configurePresets", folder.split("/")[1])
@@ -123,10 +129,16 @@ class Checks:
         for word in words[1:]:
             if word.startswith("--") and word.split("=")[0] not in text:
                 return f"{words[0]} does not know {word}"
+            if word.startswith("tests/") and not (self.source / word).exists():
+                return f"there is no {word}"
         return ""
 
     def install(self, words):
         return self.build_tree(words[2])
+
+    def exposure(self, words):
+        done = subprocess.run(words, cwd=self.source, capture_output=True, text=True, timeout=PATIENCE)
+        return "" if done.returncode == 0 else done.stdout[-100:] + done.stderr
 
     def daemon(self, words):
         known = "".join(f.read_text() for f in self.source.glob("src/platform/**/*.cpp"))
@@ -134,15 +146,14 @@ class Checks:
                    and w.split("=")[0] not in known]
         return f"nothing reads {unknown}" if unknown else self.target("quillspeak-daemon")
 
-    def wrong(self, kind, command):
+    def wrong(self, command):
         for part in command.split("&&"):
+            part = part.strip().removeprefix("sudo ")
+            kind = next((k for p, _, k in CHECKED if re.match(p, part)), None)
+            if kind is None:
+                return "unclassified: say in this script whether it can be run"
             words = shlex.split(part, comments=True)
-            part_kind = kind
-            if part is not command:
-                part_kind = next((k for p, _, k in CHECKED if re.match(p, part.strip())), None)
-                if part_kind is None:
-                    return f"unclassified: {part}"
-            checked = getattr(self, {"build": "build_command"}.get(part_kind, part_kind))(words)
+            checked = getattr(self, {"build": "build_command"}.get(kind, kind))(words)
             if checked:
                 return checked
         return ""
@@ -176,27 +187,26 @@ class Service:
 
     def watch(self, command):
         """Lets the command see requests until it shows the result of one."""
-        output = self.folder / "shown"
-        with output.open("w") as written:
-            shown = subprocess.Popen(command, shell=True, stdout=written, cwd=self.folder,
-                                     env=self.environment, start_new_session=True)
+        shown = subprocess.Popen(command, shell=True, stdout=subprocess.PIPE, cwd=self.folder,
+                                 env=self.environment, start_new_session=True)
         play = ("busctl --system call com.wexel.Quillspeak /com/wexel/Quillspeak "
                 "com.wexel.QuillspeakInterface1 DoTTSAndPlay asiii 1 Documented 0 0 0")
-        seen, deadline = "", time.monotonic() + PATIENCE
+        seen, deadline = b"", time.monotonic() + PATIENCE
         try:
-            while "Documented" not in seen:
-                if shown.poll() is not None or time.monotonic() > deadline:
-                    return f"showed no result: {seen}"
-                wrong = self.run(play)  # before it listens, nothing is seen: hence again and again
+            while b"Documented" not in seen and time.monotonic() < deadline:
+                wrong = self.run(play)
                 if wrong:
                     return wrong
-                time.sleep(0.5)
-                seen = output.read_text()
-            return ""
+                # One that was played before it listened is not seen: after a second, another.
+                while b"Documented" not in seen and select.select([shown.stdout], [], [], 1)[0]:
+                    part = os.read(shown.stdout.fileno(), 65536)
+                    if not part:
+                        return f"ended: {seen}"
+                    seen += part
+            return "" if b"Documented" in seen else f"showed no result: {seen}"
         finally:
-            if shown.poll() is None:
-                os.killpg(shown.pid, 15)
-            shown.wait()
+            os.killpg(shown.pid, 15)
+            shown.communicate()
 
     def end(self):
         for process in (self.daemon, self.bus):
@@ -205,22 +215,38 @@ class Service:
         shutil.rmtree(self.folder)
 
 
+def unexplained(document, source):
+    """Warnings, errors and refusals of the daemon that have no row, and rows out of order."""
+    tables = [re.findall(r"^\| (.*?) \|", part, re.M)[1:] for part in document.read_text().split("\n\n")]
+    rows = "\n".join(sum(tables, []))
+    text = "".join(file.read_text() for file in source.glob("src/**/*.cpp"))
+    said = re.findall(r"(?:\bsyslog\(\s*LOG_(?:WARNING|ERR|CRIT),|\bDBus::Error\w*\([^;\"]*|\breturn)"
+                      r'\s*"((?:[^"\\]|\\.|"\s*")*)"', text)
+    for words in said:
+        first = re.split(r"; | \(", re.sub(r'"\s*"', "", words))[0]
+        fixed = max(re.split(r"%\w+|QS_\w+:|\\.", first), key=len).strip(" :.-")
+        if " " in fixed and fixed not in rows:
+            yield f"{document.name}: no row for: {fixed}"
+    for table in tables:
+        keys = [" ".join(re.findall(r"\w+", row.casefold())) for row in table]
+        yield from (f"{document.name}: out of order: {b}" for a, b in zip(keys, keys[1:]) if a > b)
+
+
 def check(documents, checks, service):
     ran, looked_at, wrongs = 0, 0, []
     for document in documents:
+        if document.name == "TROUBLESHOOTING.md":
+            wrongs += unexplained(document, checks.source)
         for line, block in commands(document.read_text()):
             script = []
             for command in block:
-                looked = next((k for p, _, k in CHECKED if re.match(p, command)), None)
                 if matches(ENDLESS, command):
                     wrong, ran = service.watch(command), ran + 1
                 elif matches(RUN, command):
                     wrong, ran = service.run("\n".join([*script, command])), ran + 1
                     script += [command] if re.match(r"\w+=", command) else []
-                elif looked:
-                    wrong, looked_at = checks.wrong(looked, command), looked_at + 1
                 else:
-                    wrong = "unclassified: say in this script whether it can be run"
+                    wrong, looked_at = checks.wrong(command), looked_at + 1
                 if wrong:
                     wrongs.append(f"{document.name}:{line}: {command}\n    {wrong}")
     return ran, looked_at, wrongs
