@@ -4,8 +4,8 @@
 usage: check_documents.py --source DIR --build DIR DOCUMENT...
 
 Commands are indented by four blanks or fenced as `sh`. They run in a scratch folder, on a private bus,
-with the daemon of the build, whose sound goes nowhere. TROUBLESHOOTING.md must have every warning, error
-and refusal of the daemon, and its rows in order.
+with the daemon of the build, whose sound goes nowhere. Units, fenced as `ini`, are verified by systemd.
+TROUBLESHOOTING.md must have every warning, error and refusal of the daemon, and its rows in order.
 """
 import argparse
 import json
@@ -146,6 +146,16 @@ class Checks:
                    and w.split("=")[0] not in known]
         return f"nothing reads {unknown}" if unknown else self.target("quillspeak-daemon")
 
+    def unit(self, text):
+        """What systemd finds in a user's unit, which names the daemon of the build."""
+        with tempfile.TemporaryDirectory(prefix="quillspeak-unit.") as folder:
+            file = Path(folder) / "documented.service"
+            file.write_text(text.replace("/usr/sbin", str(self.build.resolve())))
+            done = subprocess.run(["systemd-analyze", "verify", "--user", "--man=no", file],
+                                  env=dict(os.environ, XDG_RUNTIME_DIR=folder), capture_output=True,
+                                  text=True, timeout=PATIENCE)
+            return (done.stdout + done.stderr).replace(f"{file}:", "").strip()
+
     def wrong(self, command):
         for part in command.split("&&"):
             part = part.strip().removeprefix("sudo ")
@@ -237,7 +247,11 @@ def check(documents, checks, service):
     for document in documents:
         if document.name == "TROUBLESHOOTING.md":
             wrongs += unexplained(document, checks.source)
-        for line, block in commands(document.read_text()):
+        text = document.read_text()
+        for unit in re.findall(r"^```ini\n(.*?)^```$", text, re.M | re.S):
+            found, looked_at = checks.unit(unit), looked_at + 1
+            wrongs += [f"{document.name}: {unit}\n    {found}"] if found else []
+        for line, block in commands(text):
             script = []
             for command in block:
                 if matches(ENDLESS, command):
