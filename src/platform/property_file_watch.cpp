@@ -4,11 +4,14 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "platform/clock.h"
@@ -31,7 +34,7 @@ std::string folderOf(const std::filesystem::path& file) {
 }  // namespace
 
 PropertyFileWatch::PropertyFileWatch()
-    : folder(folderOf(propertyFile())), inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    : file(propertyFile()), inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
   if (!inotify) {
     syslog(LOG_ERR, "PropertyFileWatch: no watch, changes are seen late: %s", std::strerror(errno));
   }
@@ -41,7 +44,7 @@ bool PropertyFileWatch::mayHaveChanged() {
   const MonotonicTime now = clock().now();
   if (!somethingHappened() && lastLook && now - *lastLook < kBetweenLooks) return false;
   lastLook = now;
-  if (inotify) watchFolder();
+  if (inotify) watchFolders();
   return true;
 }
 
@@ -53,16 +56,28 @@ bool PropertyFileWatch::somethingHappened() const {
 }
 
 // The same folder again has the same number and costs nothing, so no event needs to be understood.
-void PropertyFileWatch::watchFolder() {
-  const int current = inotify_add_watch(inotify.get(), folder.c_str(), kEvents);
-  const int error = current < 0 ? errno : 0;
-  if (std::exchange(lastError, error) != error && error != 0 && error != ENOENT) {
-    syslog(LOG_WARNING, "PropertyFileWatch: %s: no watch, changes are seen late: %s",
-           folder.c_str(), std::strerror(error));
+void PropertyFileWatch::watchFolders() {
+  int error = 0;
+  const auto add = [&](const std::filesystem::path& of) {
+    const std::string folder = folderOf(of);
+    const int number = inotify_add_watch(inotify.get(), folder.c_str(), kEvents);
+    if (number < 0 && errno != ENOENT) {
+      error = errno;
+      if (error != lastError) {
+        syslog(LOG_WARNING, "PropertyFileWatch: %s: no watch, changes are seen late: %s",
+               folder.c_str(), std::strerror(error));
+      }
+    }
+    return number;
+  };
+  std::error_code broken;
+  const std::filesystem::path target = std::filesystem::weakly_canonical(file, broken);
+  const std::array current{add(file), add(broken ? file : target)};
+  lastError = error;
+  for (const int old : std::exchange(watched, current)) {
+    const bool isStill = std::find(current.begin(), current.end(), old) != current.end();
+    if (old >= 0 && !isStill) inotify_rm_watch(inotify.get(), old);
   }
-  if (current == watched) return;
-  if (watched >= 0) inotify_rm_watch(inotify.get(), watched);
-  watched = current;
 }
 
 }  // namespace platform

@@ -1,7 +1,8 @@
 #pragma once
 
+#include <array>
+#include <filesystem>
 #include <optional>
-#include <string>
 
 #include "platform/condition.h"
 #include "platform/unique_fd.h"
@@ -9,29 +10,29 @@
 namespace platform {
 
 /// Tells a loop that the file of the property store may have changed. What it watches is the file's
-/// folder, which also shows a file that is put in place by rename or is not there yet. A folder
-/// that is not there, is another one by now, or cannot be watched, and a change behind a link are
-/// found when the loop turns for another reason, a second later at most: nothing here wakes it but
-/// the folder. The loop's own thread.
+/// folder, which also shows a file that is put in place by rename or is not there yet, and the
+/// folder of what a link there leads to. A folder that is not there, is another one by now, or
+/// cannot be watched is found when the loop turns for another reason, a second later at most:
+/// nothing here wakes it but the folders. The loop's own thread.
 class PropertyFileWatch {
  public:
   /// Where there can be no descriptor the log says so, and only the loop's own turns remain.
   PropertyFileWatch();
 
-  /// Readable when something happened in the folder, until the next look; -1 where there is none.
+  /// Readable when something happened in a folder, until the next look; -1 where there is none.
   int descriptor() const { return inotify.get(); }
 
-  /// To be asked at each turn of the loop. True the first time, when something happened in the
+  /// To be asked at each turn of the loop. True the first time, when something happened in a
   /// folder, and when a second has passed since it was last true. Does not block.
   bool mayHaveChanged();
 
  private:
   bool somethingHappened() const;
-  void watchFolder();
+  void watchFolders();
 
-  const std::string folder;
+  const std::filesystem::path file;
   UniqueFd inotify;
-  int watched = -1;  // as inotify numbers it; -1 for none
+  std::array<int, 2> watched{-1, -1};  // as inotify numbers them; -1 for none
   int lastError = 0;
   std::optional<MonotonicTime> lastLook;
 };

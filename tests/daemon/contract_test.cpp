@@ -105,6 +105,16 @@ TEST_F(Contract, AChangedStateIsAnnouncedOnceAndWithoutAQuestion) {
       {"created", [&] { test::writeFile(file, test::kEnabled); }, {0}},
       {"moved away", [&] { std::filesystem::rename(file, etc + ".old"); }, {-1}},
       {"moved back", [&] { std::filesystem::rename(etc + ".old", file); }, {0}},
+      {"linked to",
+       [&] {
+         std::filesystem::create_directory(etc + ".data");
+         test::writeFile(etc + ".data/on", test::kEnabled);
+         std::filesystem::create_symlink(etc + ".data/on", etc + "/link");
+         std::filesystem::rename(etc + "/link", file);
+       },
+       {}},
+      {"off, behind the link", [&] { test::writeFile(etc + ".data/on", kOff); }, {-1}},
+      {"on, behind the link", [&] { test::writeFile(etc + ".data/on", test::kEnabled); }, {0}},
       {"folder moved away", [&] { std::filesystem::rename(etc, etc + ".old"); }, {-1}},
       {"changed where it is not looked for", [&] { test::writeFile(etc + ".old/x", ""); }, {}},
   };
