@@ -79,15 +79,15 @@ bool isPrivileged() {
   return std::find(groups.begin(), groups.end(), ours->gr_gid) != groups.end();
 }
 
-// The bus names the call that it refuses.
+// dbus-daemon names the call that it refuses, dbus-broker does not.
 std::string explainRefusal(std::string_view message) {
   const auto isOf = [message](const char* member) {
     return message.find(member) != std::string_view::npos;
   };
   const bool isForGroup = isOf("DoTTSFetchInFile") || isOf("ReloadConfig") || isOf("SetVolume");
-  if (isForGroup && !isPrivileged()) {
-    return "the bus lets only root and the group quillspeak ask the daemon for this; join the "
-           "group and log in anew";
+  if ((isForGroup || !isOf("member=")) && !isPrivileged()) {
+    return "the bus lets only root and the group quillspeak ask the daemon for conversions, "
+           "reloads and the volume; join the group and log in anew";
   }
   return "the bus does not let you ask the daemon for this; reinstall the policy "
          "/usr/share/dbus-1/system.d/com.wexel.Quillspeak.conf and look for one that overrules it";

@@ -63,13 +63,14 @@ class Progress {
   Progress& operator=(const Progress&) = delete;
 
   /// The daemon writes the file when all of it is synthesised: there is no more to tell before.
+  /// Short enough for every terminal: what wraps cannot be wiped.
   void show() {
     using std::chrono::duration_cast;
     const auto elapsed = duration_cast<std::chrono::seconds>(Clock::now() - begun).count();
     if (!onTerminal || elapsed == shown) return;
     shown = elapsed;
     std::cerr << "\r\33[Kconverting: " << elapsed / 60 << ':' << elapsed % 60 / 10 << elapsed % 10
-              << ", the file is written at the end" << std::flush;
+              << std::flush;
   }
 
  private:
@@ -84,7 +85,7 @@ std::string absolutePath(const std::string& path) {
   if (path.empty()) throw UsageFailure("the path is empty; name a file");
   checkText(path, "the path");
   std::error_code failure;
-  const std::string absolute = std::filesystem::absolute(path, failure);
+  std::string absolute = std::filesystem::absolute(path, failure);
   if (failure) {
     throw Failure("the folder you are in cannot be told: " + failure.message() +
                   "; name the file with its whole path");
@@ -103,9 +104,11 @@ void requireWritten(const std::string& path, const std::optional<struct stat>& b
     if (!isCutShort(path)) return;
     throw Failure(path + " was cut short; free space there and convert the text again");
   }
-  throw Failure(path +
-                " was not written; choose a folder into which the daemon may write (/tmp is "
-                "one), or look for the reason in " +
+  // In /tmp nobody may write to or remove what another one put there.
+  const bool isOld = after->st_nlink != 0;
+  throw Failure(path + " was not written; " + (isOld ? "remove the file that is there, " : "") +
+                "choose a folder into which the daemon may write (/tmp is one), or look for the "
+                "reason in " +
                 kLog);
 }
 

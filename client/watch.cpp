@@ -1,7 +1,9 @@
 #include "watch.h"
 
+#include <cstdio>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "bus.h"
 #include "failure.h"
@@ -10,17 +12,33 @@ namespace qs_client {
 
 namespace {
 
+// Texts come from anybody, and the JSON library leaves the controls behind ASCII as they are, which
+// some terminals obey.
+std::string escaped(const nlohmann::json& value) {
+  std::string text = value.dump();
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(text[at]);
+    const auto next = static_cast<unsigned char>(at + 1 < text.size() ? text[at + 1] : 0);
+    const bool isLong = byte == 0xC2 && next < 0xA0;
+    if (!isLong && byte != 0x7F) continue;
+    char code[8];
+    std::snprintf(code, sizeof code, "\\u%04x", isLong ? next : byte);
+    text.replace(at, isLong ? 2 : 1, code);
+  }
+  return text;
+}
+
 void print(const PlayResult& one, bool json) {
   const char* const result = one.code == 0 ? "played" : "stopped";
   if (json) {
     const nlohmann::json object{{"handle", one.handle}, {"result", result}, {"texts", one.texts},
                                 {"params", one.params}, {"type", one.type}, {"flags", one.flags}};
-    std::cout << object << std::endl;
+    std::cout << escaped(object) << std::endl;
     return;
   }
   std::cout << one.handle << ' ' << result;
   for (const std::string& text : one.texts)
-    std::cout << ' ' << nlohmann::json(text);
+    std::cout << ' ' << escaped(text);
   std::cout << std::endl;
 }
 

@@ -216,9 +216,9 @@ TEST_F(CommandLine, OnlyTheDaemonsResultsCount) {
   const auto watching = startWatching();
   sd_bus_emit_signal(client->bus(), test::kPath, test::kInterface, "ReportTTSPlayResult", "asuuuut",
                      1, "forged", 0U, 0U, 0U, 0U, std::uint64_t{4711});
-  const std::uint64_t handle = client->play({"genuine"}).value;
+  const std::uint64_t handle = client->play({"genuine\x7F\xC2\x9B"}).value;
   EXPECT_TRUE(test::awaitFile(folder / "watched", [&] {
-    return watched().find("[\"genuine\"],\"type\":0}\n") != std::string::npos;
+    return watched().find("[\"genuine\\u007f\\u009b\"],\"type\":0}\n") != std::string::npos;
   }));
   kill(watching->id(), SIGINT);
   EXPECT_EQ(end(*watching).code, 0);
@@ -250,7 +250,7 @@ TEST_F(CommandLine, AConversionIsShownOnATerminalAndMayBeLeft) {
   const auto converting =
       shell("export SHELL=/bin/sh FILE=" + (folder / "speech.wav") +
             "; exec script -qec \"echo \\$\\$; exec $0 file hello \\$FILE\" /dev/null </dev/null");
-  const std::string shown = converting->readUntil("0:01, the file is written at the end");
+  const std::string shown = converting->readUntil("converting: 0:01");
   kill(static_cast<pid_t>(std::stol(shown)), SIGINT);
   const Ended ended = end(*converting);
   EXPECT_EQ(ended.code, 4);

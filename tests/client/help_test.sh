@@ -22,6 +22,9 @@ documented() {
   grep -qF -e "${1//-/\\-}" "$folder/quillspeak.1" || fail "not in the man page: $1"
 }
 
+COMP_WORDS=(quillspeak file Text '') COMP_CWORD=3
+_quillspeak
+[[ -z ${COMPREPLY[*]-} ]] || fail "in the place of a file: ${COMPREPLY[*]}"
 completes quillspeak get qs_voice
 completes quillspeak set qs_voice
 commands=$("$program" --help | sed '1,/^Subcommands:/d' | sed -nE 's/^  ([a-z]+) .*/\1/p')
