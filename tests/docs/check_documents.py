@@ -3,11 +3,12 @@
 
 usage: check_documents.py --source DIR --build DIR DOCUMENT...
 
-Commands are indented by four blanks or fenced as `sh`. They run in a scratch folder, on a private bus,
+Commands are indented by four blanks, fenced as `sh`, or quoted in the text. They run in a scratch folder, on a private bus,
 with the daemon of the build, whose sound goes nowhere. Units, fenced as `ini`, are verified by systemd.
 TROUBLESHOOTING.md must have every warning, error and refusal of the daemon, and its rows in order.
 """
 import argparse
+import itertools
 import json
 import os
 import re
@@ -23,6 +24,9 @@ from pathlib import Path
 PATIENCE = 30  # seconds
 NO_COMMANDS = {"", "text", "ini", "xml"}  # what else a fence may hold
 
+# What is quoted in the text and whole.
+QUOTED = r"`((?:quillspeak|systemctl|cmake|tools/\w+) [^`]+)`"
+
 # Run as they are: they reach the daemon over the bus.
 RUN = [r"(\w+=\$\()?(busctl|gdbus (call|introspect)|quillspeak) "]
 
@@ -37,7 +41,7 @@ CHECKED = [
     (r"build/(dev|fuzz|bench)/", "runs for as long as is asked for, or is not built here", "program"),
     (r"([A-Z_]+=\S+ )+quillspeak-daemon$", "serves for ever; the desktop's test does it", "daemon"),
     (r"systemd-analyze security ", "runs in the source's folder, on the unit", "exposure"),
-    (r"apt-get install |adduser |systemd-sysusers |systemctl |journalctl ",
+    (r"apt-get install |adduser |install |systemd-sysusers |systemctl |journalctl ",
      "needs an installed system: the package's test boots one", "booted"),
     (r"cmake --install ", "changes the system", "install"),
 ]
@@ -64,6 +68,7 @@ def commands(text):
             wanted = [c for c in joined.split("\n") if c and not c.startswith("#")]
             blocks.append((began, wanted))
             block, began = [], 0
+        blocks += [(number, [command]) for command in re.findall(QUOTED, line) if fence is None]
     assert fence is None, "a fence is not closed"
     return blocks
 
@@ -84,9 +89,9 @@ class Checks:
     def booted(self, words):
         tests = [self.source / "tests/packaging/booted_service", self.source / "packaging/debian/postinst"]
         tried = "".join(f.read_text() for f in tests)
-        wanted = [w for w in words if not w.startswith("-")][:2 if words[0] in ("systemctl", "apt-get") else 1]
-        missing = [w for w in wanted if not re.search(rf"\b{w}\b", tried)]
-        return f"the package's test runs no {missing}" if missing else ""
+        wanted = itertools.takewhile(lambda word: "/" not in word, words)  # paths differ
+        pattern = r" (?:\S+ )*".join(map(re.escape, wanted))
+        return "" if re.search(rf"\b{pattern}\b", tried) else "the package's test does not run it"
 
     def tool(self, words):
         tool = self.source / words[0]
@@ -147,7 +152,10 @@ class Checks:
         return f"nothing reads {unknown}" if unknown else self.target("quillspeak-daemon")
 
     def unit(self, text):
-        """What systemd finds in a user's unit, which names the daemon of the build."""
+        """What systemd finds in a unit or what is added to ours, with the daemon of the build."""
+        if "ExecStart" not in text and "[Service]" in text:
+            ours = (self.source / "packaging/quillspeak.service").read_text()
+            text = re.sub("^Documentation=.*|^.*modprobe@.*", "", ours, flags=re.M) + text
         with tempfile.TemporaryDirectory(prefix="quillspeak-unit.") as folder:
             file = Path(folder) / "documented.service"
             file.write_text(text.replace("/usr/sbin", str(self.build.resolve())))
