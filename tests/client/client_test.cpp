@@ -326,8 +326,10 @@ TEST_F(CommandLine, ReadersAndOtherWritersSeeWholeSettings) {
     const auto other = run({"set", "qs_voice", voice});
     EXPECT_EQ(finish({"set", kSpeed, speed}).code, 0);
     EXPECT_EQ(end(*other).code, 0);
-    EXPECT_EQ(test::readFile(folder / "etc/properties.conf"),
-              rest + "\n" + kSpeed + " = " + speed + "\nqs_voice = " + voice + "\n");
+    std::string wanted = rest;
+    wanted.append("\n").append(kSpeed).append(" = ").append(speed);
+    wanted.append("\nqs_voice = ").append(voice).append("\n");
+    EXPECT_EQ(test::readFile(folder / "etc/properties.conf"), wanted);
   }
   done = true;
   reader.join();
