@@ -4,8 +4,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -56,27 +54,28 @@ bool PropertyFileWatch::somethingHappened() const {
 }
 
 // The same folder again has the same number and costs nothing, so no event needs to be understood.
+PropertyFileWatch::Folder PropertyFileWatch::watch(const std::filesystem::path& of,
+                                                   const Folder& before) const {
+  const std::string folder = folderOf(of);
+  Folder now;
+  now.number = inotify_add_watch(inotify.get(), folder.c_str(), kEvents);
+  if (now.number < 0) now.error = errno;
+  if (now.error != 0 && now.error != ENOENT && now.error != before.error) {
+    syslog(LOG_WARNING, "PropertyFileWatch: %s: no watch, changes are seen late: %s",
+           folder.c_str(), std::strerror(now.error));
+  }
+  return now;
+}
+
 void PropertyFileWatch::watchFolders() {
-  int error = 0;
-  const auto add = [&](const std::filesystem::path& of) {
-    const std::string folder = folderOf(of);
-    const int number = inotify_add_watch(inotify.get(), folder.c_str(), kEvents);
-    if (number < 0 && errno != ENOENT) {
-      error = errno;
-      if (error != lastError) {
-        syslog(LOG_WARNING, "PropertyFileWatch: %s: no watch, changes are seen late: %s",
-               folder.c_str(), std::strerror(error));
-      }
-    }
-    return number;
-  };
-  std::error_code broken;
-  const std::filesystem::path target = std::filesystem::weakly_canonical(file, broken);
-  const std::array current{add(file), add(broken ? file : target)};
-  lastError = error;
-  for (const int old : std::exchange(watched, current)) {
-    const bool isStill = std::find(current.begin(), current.end(), old) != current.end();
-    if (old >= 0 && !isStill) inotify_rm_watch(inotify.get(), old);
+  std::error_code failure;
+  const bool isLink = std::filesystem::is_symlink(file, failure);
+  const auto target = isLink ? std::filesystem::weakly_canonical(file, failure) : file;
+  const Folder nowOwn = watch(file, own);
+  const Folder nowLinked = isLink && !failure ? watch(target, linked) : Folder{};
+  for (const Folder& old : {std::exchange(own, nowOwn), std::exchange(linked, nowLinked)}) {
+    const bool isStill = old.number == own.number || old.number == linked.number;
+    if (old.number >= 0 && !isStill) inotify_rm_watch(inotify.get(), old.number);
   }
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <filesystem>
 #include <optional>
 
@@ -27,13 +26,19 @@ class PropertyFileWatch {
   bool mayHaveChanged();
 
  private:
+  struct Folder {
+    int number = -1;  // as inotify has it; -1 for none
+    int error = 0;    // errno of the last attempt, told once
+  };
+
   bool somethingHappened() const;
+  Folder watch(const std::filesystem::path& of, const Folder& before) const;
   void watchFolders();
 
   const std::filesystem::path file;
   UniqueFd inotify;
-  std::array<int, 2> watched{-1, -1};  // as inotify numbers them; -1 for none
-  int lastError = 0;
+  Folder own;
+  Folder linked;
   std::optional<MonotonicTime> lastLook;
 };
 

@@ -132,6 +132,11 @@ TEST_F(Contract, AChangedStateIsAnnouncedOnceAndWithoutAQuestion) {
     EXPECT_EQ(announcements.states, step.announced) << step.what;
   }
   // Nothing wakes a loop whose folder is gone: it looks when it is asked something.
+  test::writeFile(etc, "a file in its place");
+  EXPECT_TRUE(client->until(
+      [&] { return client->property("Version") == 1 && daemon->countLog("no watch") > 0; }));
+  EXPECT_EQ(daemon->countLog("no watch"), 1);
+  std::filesystem::remove(etc);
   announcements.states.clear();
   std::filesystem::create_directory(etc);
   test::writeFile(file, test::kEnabled);
